@@ -1,0 +1,164 @@
+// The Linux kernel's answers about a process by its pid.
+#include <fcntl.h>
+#include <limits.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+
+#include "platform/linux/file_descriptor.h"
+#include "platform/linux/kernel/numbered_entries.h"
+#include "platform/linux/kernel/sysctl_names.h"
+#include "platform/linux/kernel/ticks.h"
+#include "platform/linux/linux_kernel.h"
+
+namespace volorn::linux_host {
+namespace {
+
+// Calls that answer with a length fail with 0.
+int noBytes(int error) {
+  errno = error;
+  return 0;
+}
+
+// Whether the process is listed without being shown: `hidepid=1`.
+bool isHidden(int proc_folder, std::int32_t pid) {
+  constexpr std::string_view kFile = "/stat";
+  std::array<char, 24> name = {};
+  std::ranges::copy(kFile, std::to_chars(name.begin(), name.end(), pid).ptr);
+  return faccessat(proc_folder, name.data(), F_OK, 0) != 0 && errno == EPERM;
+}
+
+}  // namespace
+
+LinuxKernel::Tasks& LinuxKernel::tasks() {
+  if (!tasks_) tasks_.emplace(proc_root_, region_source_);
+  return *tasks_;
+}
+
+Task& LinuxKernel::taskOf(std::int32_t pid) {
+  Tasks& all = tasks();
+  Task* named = all.ports.task(all.named);
+  if (named && named->pid() == pid) return *named;
+  if (all.asked != 0) all.ports.handBack(all.asked);
+  all.asked = all.ports.lendTask(pid);
+  return *all.ports.task(all.asked);
+}
+
+// Null unless the process is the one that was asked about last.
+Task* LinuxKernel::askedTask(std::int32_t pid) {
+  Tasks& all = tasks();
+  Task* asked = all.ports.task(all.asked);
+  return asked && asked->pid() == pid ? asked : nullptr;
+}
+
+// Not known where the kernel does not tell when it started.
+TimeStamp LinuxKernel::timeOfStart(std::uint64_t start_ticks) {
+  if (!boot_time_seconds_ && !readBootTime()) return {};
+  TimeStamp started = timeOfTicks(start_ticks);
+  started.seconds += *boot_time_seconds_;
+  return started;
+}
+
+int LinuxKernel::sysctl(SysctlName name, KinfoProc& record) {
+  const std::lock_guard lock(mutex_);
+  const std::optional<std::int32_t> pid = pidBehind(name, kProcessName);
+  if (!pid) return failed(ENOENT);
+  Task& task = taskOf(*pid);
+  const ProcessStat* stat = task.stat();
+  const ProcessStatus* status = task.status();
+  if (!stat || !status) return failed(task.error());
+  record = {.uid = status->effective_uid,
+            .ppid = static_cast<std::uint32_t>(stat->parent),
+            .pgid = static_cast<std::uint32_t>(stat->group),
+            .flags = stat->flags,
+            .started = timeOfStart(stat->start_ticks),
+            .command = {}};
+  stat->name().copy(record.command.data(), record.command.size() - 1);
+  return 0;
+}
+
+int LinuxKernel::sysctl(SysctlName name, std::byte* buffer, std::size_t& length_bytes) {
+  const std::lock_guard lock(mutex_);
+  if (is(name, kInterfaceListName)) return readInterfaceList(buffer, length_bytes);
+  const std::optional<std::int32_t> pid = pidBehind(name, kArgumentsName);
+  return pid ? readArguments(taskOf(*pid), buffer, length_bytes) : failed(ENOENT);
+}
+
+int LinuxKernel::readArguments(Task& task, std::byte* buffer, std::size_t& length_bytes) {
+  const int folder = task.folder();
+  if (folder < 0) return failed(task.error());
+  std::array<char, PATH_MAX> path = {};
+  const ssize_t path_length = readlinkat(folder, "exe", path.data(), path.size() - 1);
+  const std::size_t path_bytes = static_cast<std::size_t>(std::max<ssize_t>(path_length, 0)) + 1;
+  const std::size_t most_bytes = buffer ? length_bytes : FileBuffer::kLimitBytes;
+  if (const int error = buffer_.read(folder, "cmdline", most_bytes)) {
+    return failed(error == ENOENT ? ESRCH : error);
+  }
+  const std::string_view arguments = buffer_.text();
+  if (!buffer) {
+    length_bytes = path_bytes + arguments.size();
+    return 0;
+  }
+  const std::size_t of_path = std::min(path_bytes, length_bytes);
+  const std::size_t of_arguments = std::min(arguments.size(), length_bytes - of_path);
+  std::memcpy(buffer, path.data(), of_path);
+  std::memcpy(buffer + of_path, arguments.data(), of_arguments);
+  length_bytes = of_path + of_arguments;
+  return 0;
+}
+
+int LinuxKernel::readProcesses() {
+  const FileDescriptor folder(open(proc_root_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!folder) return errno;
+  std::vector<std::int32_t>& pids = tasks().pids;
+  const int error = listNumberedEntries(folder.get(), pids);
+  if (geteuid() != 0) std::erase_if(pids, [&](std::int32_t pid) { return isHidden(folder.get(), pid); });
+  return error;
+}
+
+int LinuxKernel::proc_listpids(std::uint32_t type, std::uint32_t /*type_info*/, std::int32_t* buffer,
+                               int size_bytes) {
+  const std::lock_guard lock(mutex_);
+  constexpr std::size_t kProcessesThatMayCome = 64;  // between the call for the size and that for the list
+  if (type != kProcAllPids) return noBytes(EINVAL);
+  if (const int error = readProcesses()) return noBytes(error);
+  const std::vector<std::int32_t>& pids = tasks().pids;
+  if (!buffer) return static_cast<int>((pids.size() + kProcessesThatMayCome) * sizeof(pids[0]));
+  const std::size_t room = static_cast<std::size_t>(std::max(size_bytes, 0)) / sizeof(pids[0]);
+  const std::size_t filled = std::min(pids.size(), room);
+  std::copy_n(pids.begin(), filled, buffer);
+  return static_cast<int>(filled * sizeof(pids[0]));
+}
+
+int LinuxKernel::proc_name(std::int32_t pid, char* buffer, std::uint32_t size_bytes) {
+  const std::lock_guard lock(mutex_);
+  Task& task = taskOf(pid);
+  const std::string_view name = task.readName();
+  if (task.error()) return noBytes(task.error());
+  if (size_bytes == 0) return noBytes(ENOMEM);
+  const std::size_t length = name.copy(buffer, size_bytes - 1);
+  buffer[length] = '\0';
+  return static_cast<int>(length);
+}
+
+int LinuxKernel::proc_pidinfo(std::int32_t pid, ProcTaskAllInfo& /*record*/) {
+  const std::lock_guard lock(mutex_);
+  Task* asked = askedTask(pid);
+  Task& task = asked ? *asked : taskOf(pid);
+  return task.residentBytes() ? ProcTaskAllInfo::kSizeBytes : noBytes(task.error());
+}
+
+// Linux keeps no threads for a process's work queues.
+int LinuxKernel::proc_pidinfo(std::int32_t pid, ProcWorkQueueInfo& record) {
+  const std::lock_guard lock(mutex_);
+  Task& task = taskOf(pid);
+  if (!task.stat()) return noBytes(task.error());
+  record = {};
+  return ProcWorkQueueInfo::kSizeBytes;
+}
+
+}  // namespace volorn::linux_host

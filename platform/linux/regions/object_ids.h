@@ -1,0 +1,41 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <unordered_map>
+
+namespace volorn::linux_host {
+
+// What makes a memory object: a file from a page on, or an anonymous stretch of a process.
+struct MemoryObject {
+  std::uint64_t device_or_owner;  // for an anonymous stretch the pid, the top bit set, which no device has
+  std::uint64_t inode_or_start_ticks;
+  std::uint64_t page_offset_or_address;
+
+  bool operator==(const MemoryObject&) const = default;
+};
+
+struct MemoryObjectHash {
+  std::size_t operator()(const MemoryObject& object) const {
+    std::uint64_t hash = 0;
+    for (const std::uint64_t part :
+         {object.device_or_owner, object.inode_or_start_ticks, object.page_offset_or_address}) {
+      hash = (hash ^ part) * 0x9E3779B97F4A7C15;
+      hash ^= hash >> 32;
+    }
+    return hash;
+  }
+};
+
+// Ids of memory objects, from 1 on in the order of asking. An object keeps its id.
+class ObjectIds {
+ public:
+  std::uint32_t idOf(const MemoryObject& object) {
+    return ids_.try_emplace(object, static_cast<std::uint32_t>(ids_.size() + 1)).first->second;
+  }
+
+ private:
+  std::unordered_map<MemoryObject, std::uint32_t, MemoryObjectHash> ids_;
+};
+
+}  // namespace volorn::linux_host

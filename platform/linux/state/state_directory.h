@@ -1,0 +1,50 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+
+#include "platform/date.h"
+#include "platform/linux/file_descriptor.h"
+
+namespace volorn::linux_host {
+
+// The folder of the whole system's daemon, which runs as root or as the folder's owner.
+inline constexpr const char* kSystemStateDirectory = "/var/lib/volorn";
+
+// The folder that a daemon of this user keeps its state in: the system's for root and for the owner of that
+// folder, else one below the home folder of the password entry; empty when there is no such entry.
+std::string stateDirectoryOf(uid_t user);
+
+// The folder of the state file and the lock that makes runs serial. Failures throw std::system_error whose
+// text names the path.
+class StateDirectory {
+ public:
+  explicit StateDirectory(std::string path) : path_(std::move(path)) {}
+
+  // Makes the folder if it is missing, takes the lock, which then holds until this object ends, and makes
+  // sure that the state file exists, if only with a length of 0. Root goes on as the folder's owner and
+  // group, so that nothing it leaves is out of their reach and no link of theirs can lead it astray. Entering
+  // again does nothing.
+  void enter();
+
+  // Renames state file and journal to names that tell the time. Only after enter(), with the file closed.
+  void setStateFileAside(const Date& now);
+
+  // Empty before enter(). No part of the path is a symbolic link.
+  const std::string& stateFilePath() const { return state_file_path_; }
+
+  // What is to be told to people, known from the start.
+  std::string describe() const;
+
+ private:
+  void makeStateFile();
+  void takeLock();
+
+  std::string path_;
+  std::string state_file_path_;
+  FileDescriptor directory_;
+  FileDescriptor lock_;
+};
+
+}  // namespace volorn::linux_host

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "platform/date.h"
+#include "platform/linux/state/database.h"
+#include "platform/preferences_store.h"
+#include "platform/waketide.h"
+
+namespace volorn::linux_host {
+
+// Why a state file gives nothing.
+class StateUnreadable : public std::runtime_error {
+ public:
+  enum class Reason {
+    kNothingYet,  // no run has kept anything: the file is missing or empty
+    kRefused,     // anything else; the text tells
+  };
+
+  StateUnreadable(Reason reason, const std::string& text) : std::runtime_error(text), reason_(reason) {}
+
+  Reason reason() const { return reason_; }
+
+ private:
+  Reason reason_;
+};
+
+struct StoredSnapshot {
+  Date taken_at;
+  std::vector<std::pair<std::string, std::int64_t>> metrics;  // in the order written
+};
+
+// Reads a state file without writing a byte to it or beside it, in one transaction that holds up a daemon's
+// commit as long as the work takes. Every failure is a StateUnreadable whose text is for people.
+class StateReader {
+ public:
+  // `directory` is the folder of the state file.
+  explicit StateReader(const std::string& directory);
+
+  // The state file's full path, free of symbolic links.
+  const std::string& path() const { return path_; }
+
+  std::optional<PreferenceValue> preference(std::string_view domain, std::string_view key);
+  std::optional<JobDescription> job(std::string_view name);
+
+  // None when no snapshot has been taken.
+  std::optional<StoredSnapshot> newestSnapshot();
+
+  // At most `limit` of them, the oldest of these first.
+  std::vector<StoredSnapshot> newestSnapshots(std::int64_t limit);
+
+ private:
+  template <typename Work>
+  auto guarded(Work work);
+
+  std::string path_;
+  std::optional<Database> database_;
+};
+
+}  // namespace volorn::linux_host

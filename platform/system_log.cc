@@ -1,0 +1,22 @@
+#include "platform/system_log.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+
+namespace volorn {
+
+void SystemLog::log(const char* format, ...) {
+  std::va_list arguments;
+  va_start(arguments, format);
+  std::va_list again;
+  va_copy(again, arguments);
+  const int length = std::vsnprintf(nullptr, 0, format, arguments);
+  va_end(arguments);
+  std::string line(length > 0 ? static_cast<std::size_t>(length) : 0, '\0');
+  std::vsnprintf(line.data(), line.size() + 1, format, again);
+  va_end(again);
+  write(line);
+}
+
+}  // namespace volorn

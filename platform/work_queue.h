@@ -1,0 +1,33 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace volorn {
+
+// A queue on which work is run one piece after the other. This system names queues and puts nothing on them.
+class WorkQueue {
+ public:
+  explicit WorkQueue(std::string_view label) : label_(label) {}
+  virtual ~WorkQueue() = default;
+  WorkQueue(const WorkQueue&) = delete;
+  WorkQueue& operator=(const WorkQueue&) = delete;
+
+  const std::string& label() const { return label_; }
+
+ private:
+  std::string label_;
+};
+
+class WorkQueues {
+ public:
+  virtual ~WorkQueues() = default;
+
+  virtual std::shared_ptr<WorkQueue> createSerialQueue(std::string_view label) = 0;
+
+  // The queue of the process's main thread. It is served only by a process that runs an event loop.
+  virtual WorkQueue& mainQueue() = 0;
+};
+
+}  // namespace volorn

@@ -1,0 +1,40 @@
+# Sourced by the other scripts: the Debian packages that each step needs, in one place.
+
+packages_to_build=(g++ cmake ninja-build libsqlite3-dev libcli11-dev nlohmann-json3-dev libbenchmark-dev libsystemd-dev)
+packages_to_test=("${packages_to_build[@]}" clang libclang-rt-14-dev clang-format clang-tidy libgtest-dev
+  binutils procps python3 strace faketime sqlite3
+  prometheus prometheus-node-exporter python3-prometheus-client mandoc groff-base
+  systemd dbus dpkg-dev file)
+packages_to_package=("${packages_to_build[@]}" dpkg-dev file lintian)
+packages_to_bench=("${packages_to_build[@]}" pkg-config libproc2-dev libgtop2-dev procps python3 smem)
+
+say() { printf '\n== %s\n' "$*"; }
+
+# Tests start these themselves, on a network of their own: none is to serve on the machine that they are tested on.
+without_services=(-o 'DPkg::Options::=--path-exclude=/lib/systemd/system/prometheus*'
+  -o 'DPkg::Options::=--path-exclude=/etc/init.d/prometheus*')
+
+# Installs those of the named packages that are missing; anyone but root is told which they are.
+install_missing() {
+  local package missing=()
+  for package in "$@"; do
+    [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return
+  if [ "$(id -u)" != 0 ]; then
+    printf 'These packages are missing, and only root can install them:\n  apt-get install %s\n' "${missing[*]}" >&2
+    exit 1
+  fi
+  say "Installing ${missing[*]} (a minute or two on a fresh machine)"
+  apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${without_services[@]}" "${missing[@]}" >/dev/null
+}
+
+# Configures and builds a preset, saying only what goes wrong: build PRESET [TARGET ...]
+build() {
+  local preset=$1 targets=()
+  shift
+  [ $# -gt 0 ] && targets=(--target "$@")
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" "${targets[@]}" -- --quiet
+}

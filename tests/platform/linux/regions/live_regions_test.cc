@@ -1,0 +1,183 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <optional>
+
+#include "tests/platform/linux/fixture_tree.h"
+#include "tests/platform/linux/regions/helper_process.h"
+#include "tests/platform/linux/regions/region_text.h"
+
+namespace volorn::linux_host {
+namespace {
+
+FileDescriptor openFolder(const std::string& path) {
+  return FileDescriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+std::string textIn(const std::string& pid, const char* file) {
+  std::ifstream stream("/proc/" + pid + "/" + file);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
+// The fields of a kind that smaps_rollup has, in pages.
+std::uint64_t pagesIn(const std::string& sums, const std::string& kind) {
+  std::istringstream fields(sums);
+  std::uint64_t kib = 0;
+  for (std::string name, value; fields >> name;) {
+    if (name == kind + "_Clean:" || name == kind + "_Dirty:") kib += fields >> value ? std::stoull(value) : 0;
+  }
+  return kib * 1024 / kPage;
+}
+
+constexpr std::uint32_t kX86_64 = 0x1000007;
+
+struct BothSources {
+  ProcessRegions page_map{RegionSource::page_map};
+  ProcessRegions smaps{RegionSource::smaps};
+};
+
+// What is wrong with a process's regions, by both sources and by the kernel's own sums: nothing when all
+// agree. None when the process did not rest for long enough to tell.
+std::optional<std::string> faultsOf(BothSources& sources, const std::string& pid,
+                                    std::vector<ProcessRegion>& regions) {
+  std::vector<ProcessRegion> from_smaps;
+  const FileDescriptor folder = openFolder("/proc/" + pid);
+  for (int attempt = 0; attempt < 20; ++attempt) {
+    const std::string sums = textIn(pid, "smaps_rollup");
+    if (sums.empty()) return std::nullopt;
+    sources.page_map.read(folder.get(), ownerWith(kX86_64), RegionWalk::of_task, regions);
+    sources.smaps.read(folder.get(), ownerWith(kX86_64), RegionWalk::of_task, from_smaps);
+    if (sums != textIn(pid, "smaps_rollup")) continue;
+    std::uint64_t private_pages = 0;
+    std::uint64_t shared_pages = 0;
+    std::uint64_t end = 0;
+    bool is_upwards = true;
+    for (const ProcessRegion& region : regions) {
+      private_pages += region.info.private_pages_resident;
+      shared_pages += region.info.shared_pages_resident;
+      is_upwards = is_upwards && region.address >= end;
+      end = region.address + region.size_bytes;
+    }
+    const std::string text = describe(regions);
+    const bool agrees = is_upwards && text == describe(from_smaps) &&
+                        private_pages == pagesIn(sums, "Private") && shared_pages == pagesIn(sums, "Shared");
+    return agrees ? "" : "page map:\n" + text + "smaps:\n" + describe(from_smaps) + sums;
+  }
+  return std::nullopt;
+}
+
+// Steps of an Area, the mapping looked at being that at its start.
+constexpr struct {
+  const char* what;
+  const char* before;     // in this process, before it forks the helper
+  const char* in_helper;  // in the helper
+  const char* shown;
+} kScenarios[] = {
+    {"untouched", "", "a8", "8000 mode 3 of 1, 0+0\n"},
+    {"zero pages", "", "a8 r8", "8000 mode 3 of 1, 0+0\n"},
+    {"zero pages, half of them written", "", "a8 r8 w4", "8000 mode 2 of 1, 4+0\n"},
+    {"huge zero page", "", "a512 H512 r512 N512", "200000 mode 3 of 1, 0+0\n"},
+    {"huge page given back in part", "", "a512 H512 w512 N512 d256", "200000 mode 2 of 1, 100+0\n"},
+    {"guard pages", "", "a8 g8", "8000 mode 3 of 1, 0+0\n"},
+    {"forked, half of it written since", "a8 w8", "w4", "8000 mode 1 of 2, 4+4\n"},
+    {"forked, with zero pages", "a8 w4", "r8 w2", "8000 mode 1 of 2, 2+2\n"},
+    {"large and mostly holes", "a4096 N4096 w256 w1@3000", "w128 w1@4095 r1@2000",
+     "1000000 mode 1 of 2, 81+81\n"},
+    {"shared memory of its own", "", "s8 w4", "8000 mode 2 of 1, 4+0\n"},
+    {"shared memory with a relative", "s8 w8", "r8", "8000 mode 1 of 2, 0+8\n"},
+    {"memfd", "", "m8 w8", "8000 mode 2 of 1, 8+0\n"},
+    {"memfd, mapped twice", "", "m8 m8@16 w8 w8@16", "8000 mode 1 of 2, 0+8\n"},
+    {"deleted file", "", "f8 w8", "8000 mode 2 of 1, 8+0\n"},
+    {"a relative's file, half of it written", "f8 r8", "p8 r8 w4", "8000 mode 1 of 2, 4+4\n"},
+    {"zero pages of a device", "", "z8 r8 w2", "8000 mode 2 of 1, 2+0\n"},
+    {"huge pages of hugetlb", "", "h512", "200000 mode 2 of 1, 0+0\n"},
+};
+
+TEST(LiveRegionsTest, BothSourcesAgreeWithTheKernelsSums) {
+  if (kPage != 4096) GTEST_SKIP() << "the scenarios are written for pages of 4 KiB";
+  BothSources sources;
+  for (const auto& [what, before, in_helper, shown] : kScenarios) {
+    const Area area;
+    ASSERT_TRUE(area.take(before)) << what;
+    const Helper helper([&, steps = in_helper] { return area.take(steps); });
+    if (!helper.isSetUp()) {
+      std::cerr << "not offered here: " << what << '\n';
+      continue;
+    }
+    std::vector<ProcessRegion> regions;
+    EXPECT_EQ(faultsOf(sources, helper.pid(), regions), "") << what;
+    std::erase_if(regions, [&](const ProcessRegion& region) { return region.address != area.address(); });
+    const std::string text = describe(regions);
+    EXPECT_EQ(text.substr(text.find('+') + 1), shown) << what;
+  }
+}
+
+TEST(LiveRegionsTest, TheOwnTasksLibrariesFillItsRange) {
+  ProcessRegions reader;
+  std::vector<ProcessRegion> regions;
+  reader.read(openFolder("/proc/self").get(), ownerWith(kX86_64), RegionWalk::of_own_task, regions);
+  constexpr std::uint64_t kRangeStart = 0x7FFF60000000;
+  auto region = std::ranges::find(regions, kRangeStart, &ProcessRegion::address);
+  std::uint64_t code_pages = 0;
+  for (std::uint64_t next = kRangeStart; region != regions.end() && region->address == next; ++region) {
+    next += region->size_bytes;
+    const RegionTopInfo& info = region->info;
+    EXPECT_EQ(info.share_mode, ShareMode::copy_on_write);
+    if (region->protection & kProtectionExecute) {
+      code_pages += info.private_pages_resident + info.shared_pages_resident;
+    }
+  }
+  EXPECT_GT(code_pages, 0U);
+  EXPECT_TRUE(region == regions.end() || region->address >= kRangeStart + 0xA0000000);
+}
+
+std::size_t countRegions(ProcessRegions& reader, const FileDescriptor& folder,
+                         const RegionOwner& owner = ownerWith(kX86_64)) {
+  std::vector<ProcessRegion> regions(1);
+  reader.read(folder.get(), owner, RegionWalk::of_task, regions);
+  return regions.size();
+}
+
+TEST(LiveRegionsTest, WhatCannotBeReadHasNoRegions) {
+  for (const RegionSource source : {RegionSource::best, RegionSource::page_map, RegionSource::smaps}) {
+    ProcessRegions reader(source);
+    Helper helper([] { return true; });
+    const FileDescriptor folder = openFolder("/proc/" + helper.pid());
+    EXPECT_GT(countRegions(reader, folder), 0U);
+    helper.end();
+    EXPECT_EQ(countRegions(reader, folder), 0U) << "gone";
+    if (textIn("2", "comm") == "kthreadd\n") {
+      EXPECT_EQ(countRegions(reader, openFolder("/proc/2")), 0U) << "kernel thread";
+    }
+    if (geteuid() != 0) continue;
+    const std::string parent = "/proc/" + std::to_string(getpid());
+    const Helper nobody([&] {
+      return setresgid(65534, 65534, 65534) == 0 && setresuid(65534, 65534, 65534) == 0 &&
+             countRegions(reader, openFolder(parent)) == 0;
+    });
+    EXPECT_TRUE(nobody.isSetUp()) << "without rights";
+  }
+}
+
+TEST(LiveRegionsTest, TheTextServesSparseProcessesAndKernelsWithoutTheQuery) {
+  const std::string smaps = "1000-3000 rw-p 00000000 00:00 0 \nPrivate_Dirty: 64 kB\n";
+  const FixtureTree tree;
+  tree.write("smaps", smaps);
+  const auto countRead = [&](std::uint64_t mapped_pages, std::uint64_t resident_pages) {
+    ProcessRegions reader;
+    return countRegions(reader, openFolder(tree.root()), ownerWith(7, mapped_pages, resident_pages));
+  };
+  EXPECT_EQ(countRead(6400, 99), 1U);
+  EXPECT_EQ(countRead(6400, 100), 0U) << "there is no `maps` to ask";
+  tree.write("maps", "");  // a file that knows no query
+  tree.write("pagemap", "");
+  EXPECT_EQ(countRead(6400, 100), 1U);
+  tree.write("smaps", smaps + "3000-4000 rw-p");
+  EXPECT_EQ(countRead(6400, 99), 0U) << "the text ends within a line";
+}
+
+}  // namespace
+}  // namespace volorn::linux_host

@@ -1,0 +1,138 @@
+"""The file of metrics: replaced as a whole or not at all, whatever happens to who replaces it."""
+
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+
+sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
+import host
+
+FOLDER = host.LIB / "textfile"
+EXPORT = FOLDER / "volorn.prom"
+DRAFT = FOLDER / ".volorn.prom.new"
+PRECIOUS = host.LIB / "precious"
+OLD = b"old content\n"
+COMMAND = [host.VOLORNCTL, "metrics", "--format", "openmetrics", "--output", str(EXPORT)]
+
+
+class ExportTest(host.Test):
+    def setUp(self):
+        super().setUp()
+        self.runDaemon()
+        FOLDER.mkdir()
+        EXPORT.write_bytes(OLD)
+        self.expected = subprocess.run(COMMAND[:-2], check=True, stdout=subprocess.PIPE).stdout
+        self.assertTrue(self.expected.endswith(b"\n# EOF\n"))
+
+    def export(self, before=(), **options):
+        done = subprocess.run([*before, *COMMAND], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                              stderr=subprocess.PIPE, text=True, timeout=120, check=False, **options)
+        self.assertEqual(done.stdout, "")
+        return done.returncode, done.stderr
+
+    def checkFolder(self, *others):
+        self.assertEqual(sorted(path.name for path in FOLDER.iterdir()), sorted(["volorn.prom", *others]))
+
+    def checkExported(self, owner=0):
+        self.assertEqual(EXPORT.read_bytes(), self.expected)
+        status = EXPORT.lstat()
+        self.assertEqual((status.st_mode, status.st_uid, status.st_gid), (0o100644, owner, owner))
+        self.checkFolder()
+
+    def testReplaced(self):
+        for owner in (0, host.OTHER_USER) if host.HAS_OTHER_USERS else (0,):
+            os.chown(FOLDER, owner, owner)
+            for umask in (0, 0o777):
+                self.assertEqual(self.export(umask=umask), (0, ""))
+                self.checkExported(owner)
+        EXPORT.unlink()
+        self.assertEqual(self.export(), (0, ""))
+        self.checkExported(owner)
+        relative = subprocess.run([*COMMAND[:-1], "volorn.prom"], cwd=FOLDER, check=False)
+        self.assertEqual(relative.returncode, 0)
+        self.checkExported(owner)
+
+    def testKilledAtEveryCall(self):
+        trace = host.LIB / "trace"
+        self.export(["strace", "-o", str(trace), "-P", str(FOLDER), "-P", str(EXPORT), "-P", str(DRAFT)])
+        calls = [line.split("(")[0] for line in trace.read_text().splitlines() if "(" in line]
+        for call in ("write", "fchmod", "fsync", "renameat"):
+            self.assertIn(call, calls)
+        kept = set()
+        for name in sorted(set(calls)):
+            for ordinal in range(1, calls.count(name) + 1):
+                EXPORT.write_bytes(OLD)
+                status, _ = self.export(["strace", "-o", str(trace), "-P", str(FOLDER), "-P", str(EXPORT), "-P",
+                                         str(DRAFT), "-e", f"inject={name}:signal=SIGKILL:when={ordinal}"])
+                self.assertEqual(status, -9, name)
+                kept.add(EXPORT.read_bytes())
+                self.assertEqual(self.export(), (0, ""), name)
+                self.checkExported()
+        self.assertEqual(kept, {OLD, self.expected})
+
+    def testEveryFailureLeavesTheOldFile(self):
+        for name, error in (("write", "ENOSPC"), ("fsync", "EIO"), ("fchmod", "EPERM"), ("renameat", "EROFS")):
+            status, text = self.export(["strace", "-o", "/dev/null", "-P", str(DRAFT), "-P", str(FOLDER),
+                                        "-e", f"inject={name}:error={error}:when=1"])
+            self.assertEqual(status, 1, name)
+            self.assertRegex(text, rf"\Avolornctl: {EXPORT}: .+\n\Z")
+            self.assertEqual(EXPORT.read_bytes(), OLD)
+            self.checkFolder()
+
+    def testFullDisk(self):
+        with host.mounted("-t", "tmpfs", "-o", "size=16k", "small", str(FOLDER)):
+            EXPORT.write_bytes(OLD)
+            with open(FOLDER / "filler", "wb", buffering=0) as filler:
+                try:
+                    while True:
+                        filler.write(bytes(1024))
+                except OSError:
+                    pass
+            self.assertEqual(self.export(), (1, f"volornctl: {EXPORT}: No space left on device\n"))
+            self.assertEqual(EXPORT.read_bytes(), OLD)
+            self.checkFolder("filler")
+
+    def testManyAtOnce(self):
+        for _ in range(5):
+            DRAFT.write_bytes(b"left by a killed one")
+            writers = [subprocess.Popen(COMMAND, stderr=subprocess.PIPE) for _ in range(16)]
+            for writer in writers:
+                _, errors = writer.communicate(timeout=120)
+                self.assertEqual((writer.returncode, errors), (0, b""))
+            self.checkExported()
+
+    def testNoOtherFileIsTouched(self):
+        def fifo(_, path):
+            os.mkfifo(path)
+
+        for what, make in (("link", os.symlink), ("folder", lambda _, path: path.mkdir()), ("FIFO", fifo)):
+            PRECIOUS.write_bytes(OLD)
+            EXPORT.unlink()
+            make(PRECIOUS, EXPORT)
+            self.assertEqual(self.export(), (1, f"volornctl: {EXPORT}: not a regular file\n"), what)
+            self.assertEqual(PRECIOUS.read_bytes(), OLD)
+            self.checkFolder()
+            shutil.rmtree(FOLDER)
+            FOLDER.mkdir()
+            EXPORT.write_bytes(OLD)
+        # In the place of the draft.
+        for make, status in ((os.symlink, 1), (os.link, 0), (fifo, 0)):
+            make(PRECIOUS, DRAFT)
+            self.assertEqual(self.export()[0], status)
+            DRAFT.unlink(missing_ok=True)
+            self.assertEqual((PRECIOUS.read_bytes(), PRECIOUS.stat().st_nlink), (OLD, 1))
+            self.assertEqual(EXPORT.read_bytes(), OLD if status else self.expected)
+            EXPORT.write_bytes(OLD)
+
+    def testWithoutSnapshotTheOldFileStays(self):
+        host.restore(None)
+        status, text = self.export()
+        self.assertEqual((status, text), (3, f"volornctl: {host.FILE}: no run has kept anything yet\n"))
+        self.assertEqual(EXPORT.read_bytes(), OLD)
+        self.checkFolder()
+
+
+if __name__ == "__main__":
+    host.main()

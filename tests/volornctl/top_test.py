@@ -1,0 +1,356 @@
+"""Follows the real machine with volornctl, and compares with what /proc and the work itself tell.
+
+It runs in a network namespace of its own, in which nothing moves but what the test moves.
+"""
+
+import contextlib
+import fcntl
+import json
+import os
+import pathlib
+import pty
+import re
+import select
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import termios
+import threading
+import time
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
+import host
+
+PROGRAM = host.VOLORNCTL
+PYTHON = "/usr/bin/python3"
+MIB = 1 << 20
+MOVED = 16 * MIB
+PATIENCE_SECONDS = 60
+ATTEMPTS = 20  # what is looked for may have come between two looks
+
+
+@contextlib.contextmanager
+def started(code):
+    """A process that has written a byte and goes on."""
+    process = subprocess.Popen([PYTHON, "-c", f"import os, signal; os.write(1, b'.'); {code}"],
+                               stdout=subprocess.PIPE)
+    try:
+        process.stdout.read(1)
+        yield process.pid
+    finally:
+        process.kill()
+        process.communicate()
+
+
+@contextlib.contextmanager
+def following(*arguments):
+    """Lines of `volornctl top --json`, each as soon as its sample is taken."""
+    process = subprocess.Popen([PROGRAM, "top", "--json", *arguments], stdout=subprocess.PIPE)
+    try:
+        yield map(json.loads, process.stdout)
+    finally:
+        process.kill()
+        process.communicate()
+
+
+def summary():
+    return json.loads(subprocess.run([PROGRAM, "summary", "--json"], check=True, stdout=subprocess.PIPE).stdout)
+
+
+def processIn(sample, pid):
+    return next(process for process in sample["processes"] if process["pid"] == pid)
+
+
+def movedIn(samples, group, name):
+    """The bytes of each rate of the group, summed over samples until what was moved is in that of the name."""
+    moved = {}
+    for sample, _ in zip(samples, range(ATTEMPTS)):
+        for key, rate in sample[group].items():
+            moved[key] = moved.get(key, 0) + rate * sample["intervalSeconds"]
+        if moved[name] >= MOVED:
+            break
+    return moved
+
+
+def meminfo():
+    lines = pathlib.Path("/proc/meminfo").read_text().splitlines()
+    return {line.split(":")[0]: int(line.split()[1]) * 1024 for line in lines}
+
+
+def threadsByPid():
+    threads = {}
+    for entry in os.listdir("/proc"):
+        if entry.isdigit():
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                threads[int(entry)] = len(os.listdir(f"/proc/{entry}/task"))
+    return threads
+
+
+def processorSeconds(pid):
+    return time.clock_gettime(~pid << 3 | 2)  # CPUCLOCK_SCHED of the whole process
+
+
+class FiguresTest(unittest.TestCase):
+    def test_a_busy_loop_and_a_sleeping_process(self):
+        with started("exec('while True: pass')") as busy, started("signal.pause()") as sleeping:
+            # A machine with other work leaves the loop less than a processor; its own clock tells how much.
+            with following("--count", "2", "--interval", "2") as samples:
+                first, used = next(samples), processorSeconds(busy)
+                second, used = next(samples), processorSeconds(busy) - used
+        for pid in (busy, sleeping):
+            self.assertIsNone(processIn(first, pid)["cpuPercent"])
+            self.assertIsNone(processIn(first, pid)["faultsPerSecond"])
+        self.assertIsNone(first["intervalSeconds"])
+        self.assertGreater(second["intervalSeconds"], 1.5)
+        shown = processIn(second, busy)["cpuPercent"]
+        self.assertAlmostEqual(shown, used * 100 / second["intervalSeconds"], delta=20)
+        self.assertLess(shown, 115)
+        self.assertEqual(processIn(second, busy)["state"], "running")
+        self.assertEqual(second["processes"][0]["pid"], max(
+            second["processes"], key=lambda process: process["cpuPercent"] or 0)["pid"])
+        rest = processIn(second, sleeping)
+        self.assertEqual((rest["cpuPercent"], rest["faultsPerSecond"], rest["contextSwitchesPerSecond"]), (0, 0, 0))
+        self.assertIn(rest["state"], ("sleeping", "idle"))
+        self.assertAlmostEqual(sum(second["cpu"].values()), 100)
+        self.assertGreater(second["cpu"]["userPercent"], 0)
+
+    def test_bytes_over_the_network(self):
+        with following("--interval", "0.5") as samples:
+            next(samples)
+            with socket.create_server(("127.0.0.1", 0)) as server:
+                sender = socket.create_connection(server.getsockname())
+                receiver, _ = server.accept()
+                sending = threading.Thread(target=lambda: (sender.sendall(bytes(MOVED)), sender.close()))
+                sending.start()
+                while receiver.recv(MIB):
+                    pass
+                sending.join()
+                receiver.close()
+            moved = movedIn(samples, "network", "inBytesPerSecond")
+        for name in ("inBytesPerSecond", "outBytesPerSecond"):
+            self.assertGreaterEqual(moved[name], MOVED)
+            self.assertLess(moved[name], MOVED * 1.1)  # heads, and what is sent back
+
+    def test_nothing_is_lost_where_the_sampler_starts_anew(self):
+        def received():
+            return int(pathlib.Path("/proc/net/dev").read_text().split("lo:")[1].split()[0])
+
+        before, moved, busy_seconds = received(), 0, 0
+        with started("exec('while True: pass')") as busy, following("--interval", "0.01") as samples, \
+                socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            next(samples)
+            used = processorSeconds(busy)
+            for sample, number in zip(samples, range(70)):  # past the sixtieth
+                moved += sample["network"]["inBytesPerSecond"] * sample["intervalSeconds"]
+                shown = processIn(sample, busy)["cpuPercent"]
+                self.assertIsNotNone(shown, number)
+                busy_seconds += shown / 100 * sample["intervalSeconds"]
+                if number < 65:
+                    sender.sendto(bytes(1000), ("127.0.0.1", 9))
+                elif round(moved) == received() - before:
+                    break
+            used = processorSeconds(busy) - used
+        self.assertEqual(round(moved), received() - before)
+        self.assertAlmostEqual(busy_seconds, used, delta=used / 5)
+
+    def test_bytes_to_a_disk(self):
+        with following("--interval", "0.5") as samples:
+            next(samples)
+            with tempfile.TemporaryFile(dir=host.PROGRAMS) as file:
+                file.write(os.urandom(MOVED))
+                file.flush()
+                os.fsync(file.fileno())
+            moved = movedIn(samples, "disk", "writeBytesPerSecond")
+        self.assertGreaterEqual(moved["writeBytesPerSecond"], MOVED)
+
+    def test_memory_agrees_with_proc(self):
+        before = meminfo()
+        shown = summary()
+        after = meminfo()
+        self.assertEqual(shown["Physical Memory/Used"] + shown["Physical Memory/Free"], before["MemTotal"])
+        self.assertEqual(shown["Swap/Available"] + shown["Swap/Used"], before["SwapTotal"])
+        for key, name in (("Free", "MemFree"), ("Active", "Active"), ("Inactive", "Inactive")):
+            moved = abs(before[name] - after[name])  # by whoever else is at work
+            self.assertAlmostEqual(shown[f"Physical Memory/{key}"], before[name], delta=2 * moved + 64 * MIB)
+
+    def test_processes_and_threads_agree_with_proc(self):
+        for _ in range(ATTEMPTS):
+            before = threadsByPid()
+            with following("--count", "1") as samples:
+                sample = next(samples)
+            after = threadsByPid()
+            shown = {process["pid"]: process["threads"] for process in sample["processes"]}
+            self.assertEqual(sample["threads"], sum(shown.values()))
+            stayed = before.keys() & after.keys()
+            self.assertLessEqual(stayed, shown.keys())
+            at_rest = {pid: before[pid] for pid in stayed if before[pid] == after[pid]}
+            if at_rest == {pid: shown[pid] for pid in at_rest}:
+                return
+        self.fail("the numbers of threads never agreed")
+
+    def test_sizes_of_a_process_at_rest(self):
+        with started("import json; signal.pause()") as pid:
+            with following("--count", "2", "--interval", "0.1") as samples:
+                shown = [processIn(sample, pid) for sample in samples]
+            pages = pathlib.Path(f"/proc/{pid}/statm").read_text().split()
+            rollup = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text()
+        private = sum(int(kib) for kib in re.findall(r"^Private_\w+: +(\d+) kB", rollup, re.MULTILINE))
+        for process in shown:
+            self.assertEqual(process["residentBytes"], int(pages[1]) * os.sysconf("SC_PAGESIZE"))
+            self.assertEqual(process["virtualBytes"], int(pages[0]) * os.sysconf("SC_PAGESIZE"))
+            # Which page of a file is nobody else's depends on what other processes just map.
+            self.assertAlmostEqual(process["privateBytes"], private * 1024, delta=private * 1024 // 10)
+
+    def test_a_reader_that_goes_is_noticed_at_once(self):
+        process = subprocess.Popen([PROGRAM, "top", "--json", "--interval", "100000"], stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE)
+        process.stdout.readline()
+        process.stdout.close()
+        self.assertEqual(process.stderr.read(), b"")
+        process.stderr.close()
+        self.assertEqual(process.wait(PATIENCE_SECONDS), 0)
+
+    def test_usage(self):
+        for arguments in (["--interval", "0"], ["--interval", "nan"], ["--interval", "1s"], ["--interval", "-1"],
+                          ["--count", "0"], ["--count", "99999999999999999999"], ["--sort", "pid"],
+                          ["--sort", "0"]):
+            done = subprocess.run([PROGRAM, "top", *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            self.assertEqual((done.returncode, done.stdout), (2, b""), arguments)
+
+
+class Screen:
+    """`volornctl top` on a terminal of its own."""
+
+    LEFT = b"\x1b[?7h\x1b[?25h\x1b[?1049l"
+    DRAWN = b"\x1b[J"  # ends each frame
+
+    SIZE = (12, 70)
+
+    def __init__(self, *arguments, command=(PROGRAM, "top"), ignored=()):
+        self.master, self.terminal = pty.openpty()
+        self.resize(*self.SIZE)
+        self.before = termios.tcgetattr(self.terminal)
+        self.text = b""
+        self.pid = os.fork()
+        if self.pid == 0:
+            os.setsid()
+            fcntl.ioctl(self.terminal, termios.TIOCSCTTY, 0)
+            for fd in range(3):
+                os.dup2(self.terminal, fd)
+            for signal_number in ignored:
+                signal.signal(signal_number, signal.SIG_IGN)
+            os.execvp(command[0], [*command, *arguments])
+
+    def resize(self, rows, columns):
+        fcntl.ioctl(self.master, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+
+    def readUntil(self, text):
+        """Returns what was written up to it."""
+        while text not in self.text:
+            if not select.select([self.master], [], [], PATIENCE_SECONDS)[0]:
+                raise AssertionError(f"{text!r} never came: {self.text!r}")
+            self.text += os.read(self.master, 65536)
+        found, _, self.text = self.text.partition(text)
+        return found
+
+    def frame(self):
+        lines = self.readUntil(self.DRAWN).rpartition(b"\x1b[H")[2].split(b"\r\n")
+        return [re.sub(rb"\x1b\[[0-9;?]*[a-zA-Z]", b"", line).decode() for line in lines]
+
+    def attributes(self):
+        return termios.tcgetattr(self.terminal)
+
+    def close(self):
+        os.close(self.master)
+        os.close(self.terminal)
+
+
+class TerminalTest(unittest.TestCase):
+    def start(self, **how):
+        screen = Screen("--interval", "100000", **how)
+        self.addCleanup(screen.close)
+        screen.frame()
+        self.assertNotEqual(screen.attributes(), screen.before)
+        return screen
+
+    def checkLeft(self, screen, status):
+        screen.readUntil(Screen.LEFT)
+        self.assertEqual(os.waitpid(screen.pid, 0)[1], status)
+        self.assertEqual(screen.attributes(), screen.before)
+
+    def test_it_is_left_as_it_was(self):
+        for key in (b"q", b"Q", b"\x03"):
+            screen = self.start()
+            os.write(screen.master, b"xyz" + key)
+            self.checkLeft(screen, 0)
+        for signal_number, status in ((signal.SIGTERM, 0), (signal.SIGHUP, 0), *((number, number) for number in (
+                signal.SIGABRT, signal.SIGUSR1, signal.SIGALRM, signal.SIGXCPU, signal.SIGRTMAX))):
+            screen = self.start()
+            os.kill(screen.pid, signal_number)
+            self.checkLeft(screen, status)
+
+    def test_ignored_signals_stay_ignored(self):
+        screen = self.start(ignored=[signal.SIGHUP])
+        os.kill(screen.pid, signal.SIGHUP)
+        screen.resize(9, 30)
+        screen.frame()
+        os.write(screen.master, b"q")
+        self.checkLeft(screen, 0)
+
+    def test_it_is_left_while_the_process_is_stopped(self):
+        # A shell with job control: only who has such a parent can be stopped from the keyboard.
+        screen = self.start(command=("sh", "-mc", '"$@"; echo stopped $?; read go; fg', "sh", PROGRAM, "top"))
+        os.write(screen.master, b"\x1a")
+        screen.readUntil(Screen.LEFT)
+        screen.readUntil(b"stopped %d\r\n" % (128 + signal.SIGTSTP))
+        self.assertEqual(screen.attributes(), screen.before)
+        os.write(screen.master, b"\n")
+        screen.frame()
+        os.write(screen.master, b"q")
+        self.checkLeft(screen, 0)
+
+    def test_nobody_to_continue_it(self):
+        screen = self.start()
+        os.write(screen.master, b"\x1a")
+        screen.readUntil(Screen.LEFT)
+        screen.frame()
+        os.write(screen.master, b"q")
+        self.checkLeft(screen, 0)
+
+    def test_frames_fit(self):
+        screen = Screen("--interval", "100000")
+        self.addCleanup(screen.close)
+        for size in (Screen.SIZE, (9, 30), (3, 200)):
+            if size != Screen.SIZE:
+                screen.resize(*size)
+            lines = screen.frame()
+            self.assertEqual(len(lines), size[0])
+            self.assertLessEqual(max(map(len, lines)), size[1])
+        os.write(screen.master, b"q")
+        self.checkLeft(screen, 0)
+
+    def test_the_last_of_a_count_stays(self):
+        screen = Screen("--count", "1")
+        self.addCleanup(screen.close)
+        self.checkLeft(screen, 0)
+        while select.select([screen.master], [], [], 0)[0]:
+            screen.text += os.read(screen.master, 65536)
+        self.assertRegex(screen.text.decode(), r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC, \d+ processes\r\n")
+        self.assertEqual(screen.text.count(b"\n"), 11)
+
+
+def main():
+    if "VOLORN_TEST_NAMESPACE" not in os.environ:
+        os.environ["VOLORN_TEST_NAMESPACE"] = "entered"
+        users = [] if os.geteuid() == 0 else ["--map-root-user"]
+        os.execvp("unshare", ["unshare", "--net", *users, sys.executable, *sys.argv])
+    host.raiseLoopback()
+    unittest.main(argv=[sys.argv[0], *sys.argv[2:]])
+
+
+if __name__ == "__main__":
+    main()

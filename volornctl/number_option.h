@@ -1,0 +1,27 @@
+#pragma once
+
+#include <charconv>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <system_error>
+
+namespace volorn::ctl {
+
+// None where it is not the whole text. The command line's own parser takes a number too large for the
+// largest.
+template <typename Number>
+std::optional<Number> numberOf(const std::string& text) {
+  Number number = {};
+  const char* end = text.data() + text.size();
+  const auto [read_to, failure] = std::from_chars(text.data(), end, number);
+  return read_to == end && failure == std::errc() ? std::optional(number) : std::nullopt;
+}
+
+// What the command line is told of an option that counts; empty when it is right.
+inline std::string checkCount(const std::string& text) {
+  const std::optional<std::int64_t> count = numberOf<std::int64_t>(text);
+  return count && *count > 0 ? "" : "not a whole number above 0: " + text;
+}
+
+}  // namespace volorn::ctl

@@ -1,0 +1,60 @@
+#include "waketide/schedule.h"
+
+#include <array>
+#include <bit>
+#include <cmath>
+#include <cstdint>
+
+namespace volorn::waketide {
+namespace {
+
+constexpr double kDaySeconds = 86400.0;
+
+Date later(Date date, double seconds) {
+  return Date::fromSecondsSinceReferenceDate(date.secondsSinceReferenceDate() + seconds);
+}
+
+}  // namespace
+
+bool isDue(const Row& row, Date now) {
+  // So that a start which is no number is due, too.
+  return !row || !(now.secondsSinceReferenceDate() < row->window_start_time);
+}
+
+// Otherwise a row of numbers that are none would be served without end.
+bool same(const Row& left, const Row& right) {
+  using Bits = std::array<std::uint64_t, 2>;
+  if (!left || !right) return !left && !right;
+  return std::bit_cast<Bits>(*left) == std::bit_cast<Bits>(*right);
+}
+
+Date nextUtcMidnight(Date date) {
+  return Date::fromSecondsSince1970((std::floor(date.secondsSince1970() / kDaySeconds) + 1.0) * kDaySeconds);
+}
+
+std::optional<Date> Schedule::nextStart(const Row& row, Date now) {
+  // A clock set back behind the start would else put off its midnight by as much.
+  if (served_ && now.secondsSince(served_->started) < 0.0) served_->started = now;
+
+  Date next = now;
+  if (!isDue(row, now)) {
+    next = Date::fromSecondsSinceReferenceDate(row->window_start_time);
+  } else if (served_ && same(served_->row, row)) {
+    next = nextUtcMidnight(served_->started);
+  }
+  if (next.secondsSince(now) <= 0.0) return std::nullopt;
+  return next;
+}
+
+std::optional<Date> Schedule::sleepUntil(const Row& row, Date now) {
+  const auto next = nextStart(row, now);
+  if (!next || next->secondsSince(now) <= kDaySeconds) return next;
+  return later(now, kDaySeconds);
+}
+
+void Schedule::recordStart(Date started, const Row& row, Date now) {
+  served_.reset();
+  if (isDue(row, now)) served_ = Served{started, row};
+}
+
+}  // namespace volorn::waketide

@@ -1,0 +1,219 @@
+#include "waketide/serve.h"
+
+#include <poll.h>
+#include <sys/timerfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include "platform/linux/file_descriptor.h"
+#include "platform/linux/linux_clock.h"
+#include "waketide/job_row.h"
+#include "waketide/schedule.h"
+#include "waketide/signals.h"
+#include "waketide/started_daemon.h"
+#include "waketide/state_watch.h"
+#include "waketide/tell.h"
+
+namespace volorn::waketide {
+namespace {
+
+using namespace std::chrono_literals;
+using SteadyClock = std::chrono::steady_clock;
+
+// A commit makes several events; its row is read once.
+constexpr auto kSettling = 100ms;
+
+// Until the next look where no event or timer tells when.
+constexpr auto kRetry = 60s;
+
+// Together less than the second in which a stop is to be done.
+constexpr auto kTermPatience = 300ms;
+constexpr auto kKillPatience = 500ms;
+
+[[noreturn]] void fail(const char* what) {
+  throw std::system_error(errno, std::generic_category(), what);
+}
+
+// Rings at a time of the real-time clock, and at once when that clock is set.
+class RealTimeTimer {
+ public:
+  RealTimeTimer() : fd_(timerfd_create(CLOCK_REALTIME, TFD_CLOEXEC | TFD_NONBLOCK)) {
+    if (!fd_) fail("timerfd_create");
+  }
+
+  int fd() const { return fd_.get(); }
+
+  void set(Date date) {
+    const double seconds = std::floor(date.secondsSince1970());
+    itimerspec time = {};
+    time.it_value.tv_sec = static_cast<time_t>(seconds);
+    // A nanosecond more than nothing: all zeros would disarm it.
+    time.it_value.tv_nsec = static_cast<long>((date.secondsSince1970() - seconds) * 1e9) + 1;
+    if (timerfd_settime(fd_.get(), TFD_TIMER_ABSTIME | TFD_TIMER_CANCEL_ON_SET, &time, nullptr) != 0) {
+      fail("timerfd_settime");
+    }
+  }
+
+  // Makes it wait to ring again. That it fails with ECANCELED after the clock was set is no other case: a
+  // look at the clock tells what to do.
+  void silence() {
+    std::uint64_t times = 0;
+    [[maybe_unused]] const ssize_t size = read(fd_.get(), &times, sizeof times);
+  }
+
+ private:
+  linux_host::FileDescriptor fd_;
+};
+
+class Server {
+ public:
+  explicit Server(const ServeOptions& options) : options_(options), watch_(options.state_directory) {}
+
+  void run();
+
+ private:
+  void look();
+  void startDaemon(const std::string& why);
+  void tellEnd(int status) const;
+  void killOverdue();
+  void stop();
+  void refreshWatch();
+  int pollTimeoutMs() const;
+  bool deadlinePassed() const { return deadline_ && SteadyClock::now() >= *deadline_; }
+
+  const ServeOptions& options_;
+  linux_host::LinuxClock clock_;
+  Signals signals_;
+  RealTimeTimer timer_;
+  StateWatch watch_;
+  bool unwatchable_ = false;
+  Schedule schedule_;
+  StartedDaemon daemon_;
+  std::optional<Date> started_;  // by the start of which the schedule does not know yet
+  // While the daemon runs: when to kill it. Else: when to look, timer or not.
+  std::optional<SteadyClock::time_point> deadline_;
+  bool settling_ = false;
+};
+
+void Server::run() {
+  look();
+  for (;;) {
+    // Left out of the set, the watch may fill up without waking us.
+    const bool watching = !daemon_.runs() && !settling_;
+    pollfd waited[] = {
+        {signals_.fd(), POLLIN, 0}, {timer_.fd(), POLLIN, 0}, {watching ? watch_.fd() : -1, POLLIN, 0}};
+    if (poll(waited, std::size(waited), pollTimeoutMs()) < 0 && errno != EINTR) fail("poll");
+
+    if (signals_.takeStop()) return stop();
+    const bool rang = waited[1].revents != 0;
+    if (rang) timer_.silence();
+
+    if (daemon_.runs()) {
+      if (const auto status = daemon_.takeEnd()) {
+        tellEnd(*status);
+        look();
+      } else if (deadlinePassed()) {
+        killOverdue();
+      }
+    } else if (rang || deadlinePassed()) {
+      look();
+    } else if (waited[2].revents != 0 && watch_.take()) {
+      settling_ = true;
+      deadline_ = SteadyClock::now() + kSettling;
+    }
+  }
+}
+
+// Only while no daemon runs.
+void Server::look() {
+  settling_ = false;
+  deadline_.reset();
+  // In this order a change is in what is read, or noticed after it. What the daemon's own run did is taken
+  // here, too.
+  watch_.take();
+  refreshWatch();
+  const JobRow job = [this] {
+    const Signals::EndAtOnce while_reading;
+    return readJobRow(options_.state_directory);
+  }();
+  const Date now = clock_.now();
+  if (started_) schedule_.recordStart(*std::exchange(started_, std::nullopt), job.row, now);
+  if (const auto date = schedule_.sleepUntil(job.row, now)) {
+    timer_.set(*date);
+  } else {
+    startDaemon(job.row ? "its window is open" : job.trouble);
+  }
+}
+
+void Server::startDaemon(const std::string& why) {
+  const Date now = clock_.now();
+  if (!daemon_.start(options_.daemon_path, signals_)) {
+    tell(options_.daemon_path + ": no process for it: " + std::strerror(errno));
+    deadline_ = SteadyClock::now() + kRetry;
+    return;
+  }
+  started_ = now;
+  deadline_ = SteadyClock::now() + options_.run_limit;
+  tell("started " + options_.daemon_path + ": " + why);
+}
+
+void Server::tellEnd(int status) const {
+  if (WIFSIGNALED(status)) {
+    const int number = WTERMSIG(status);
+    const char* name = sigabbrev_np(number);
+    tell(options_.daemon_path + " was ended by " +
+         (name ? std::string("SIG") + name : "signal " + std::to_string(number)));
+  } else if (WEXITSTATUS(status) != 0) {
+    tell(options_.daemon_path + " ended with status " + std::to_string(WEXITSTATUS(status)));
+  }
+}
+
+void Server::killOverdue() {
+  tell(options_.daemon_path + " did not end within " + std::to_string(options_.run_limit.count()) +
+       " s; killing it");
+  daemon_.send(SIGKILL);
+  deadline_.reset();  // one that hangs in the kernel is waited for
+}
+
+void Server::stop() {
+  if (!daemon_.runs()) return;
+  daemon_.send(SIGTERM);
+  if (daemon_.endsWithin(kTermPatience)) return;
+  daemon_.send(SIGKILL);
+  if (!daemon_.endsWithin(kKillPatience))
+    tell(options_.daemon_path + " hangs in the kernel and is left behind");
+}
+
+void Server::refreshWatch() {
+  const int error = watch_.refresh();
+  if (error != 0) {
+    if (!unwatchable_) {
+      tell(options_.state_directory + " cannot be watched (" + std::strerror(error) +
+           "); looking each minute");
+    }
+    deadline_ = SteadyClock::now() + kRetry;
+  }
+  unwatchable_ = error != 0;
+}
+
+int Server::pollTimeoutMs() const {
+  if (!deadline_) return -1;
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(*deadline_ - SteadyClock::now());
+  return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
+}
+
+}  // namespace
+
+void serve(const ServeOptions& options) {
+  Server(options).run();
+}
+
+}  // namespace volorn::waketide
