@@ -176,16 +176,24 @@ std::set<std::uint32_t> codesOf(char letter) {
   }
 }
 
-void expectSame(const ProcessSample& process, const PsLine& line) {
-  EXPECT_EQ(process.ppid, line.parent);
-  EXPECT_EQ(process.uid, line.owner);
-  EXPECT_EQ(process.virtual_size, line.virtual_kib * 1024);
-  EXPECT_EQ(process.resident, line.resident_kib * 1024);
-  EXPECT_EQ(process.threads, line.threads);
-  EXPECT_EQ(process.total_time.seconds, line.cpu_seconds);
-  if (line.threads == 1) {
-    EXPECT_TRUE(codesOf(line.state).contains(process.state)) << line.state << ' ' << process.state;
+// The figures in which a process's latest sample differs from what ps tells.
+std::string differences(const ProcessSample& process, const PsLine& line) {
+  std::string differing;
+  const auto compare = [&](const char* name, std::uint64_t sampled, std::uint64_t told) {
+    if (sampled != told)
+      differing += name + (' ' + std::to_string(sampled)) + " not " + std::to_string(told) + "; ";
+  };
+  compare("parent", process.ppid, line.parent);
+  compare("owner", process.uid, line.owner);
+  compare("virtual bytes", process.virtual_size, line.virtual_kib * 1024);
+  compare("resident bytes", process.resident, line.resident_kib * 1024);
+  compare("threads", process.threads, line.threads);
+  compare("seconds", static_cast<std::uint64_t>(process.total_time.seconds),
+          static_cast<std::uint64_t>(line.cpu_seconds));
+  if (line.threads == 1 && !codesOf(line.state).contains(process.state)) {
+    differing += "state " + std::to_string(process.state) + " not " + line.state;
   }
+  return differing;
 }
 
 TEST(RealMachineTest, FiguresAreThoseOfPs) {
@@ -198,21 +206,32 @@ TEST(RealMachineTest, FiguresAreThoseOfPs) {
   if (dead == 0) _exit(0);
   ASSERT_EQ(waitid(P_PID, static_cast<id_t>(dead), &event, WEXITED | WNOWAIT), 0);
 
+  std::map<std::int32_t, std::string> wrong;  // of those that have not agreed yet
+  std::set<std::int32_t> agreed;
   RealSampler real;
-  const std::map<std::int32_t, PsLine> before = ps();
-  real.sample(false);
-  const std::map<std::int32_t, PsLine> after = ps();
-  int compared = 0;
-  for (const auto& [pid, line] : before) {
-    const auto later = after.find(pid);
-    if (pid == getpid() || later == after.end() || later->second != line) continue;
-    SCOPED_TRACE("pid " + std::to_string(pid));
-    const ProcessSample* process = RealSampler::process(pid);
-    ASSERT_TRUE(process);
-    expectSame(*process, line);
-    ++compared;
+  std::map<std::int32_t, PsLine> before = ps();
+  // A kernel thread may wake for a moment between two equal lines: wrong is what never agrees.
+  for (int attempt = 0; attempt < 8 && (attempt == 0 || !wrong.empty()); ++attempt) {
+    real.sample(false);
+    std::map<std::int32_t, PsLine> after = ps();
+    for (const auto& [pid, line] : before) {
+      const auto later = after.find(pid);
+      if (pid == getpid() || agreed.contains(pid)) continue;
+      if (later == after.end()) {
+        wrong.erase(pid);
+      } else if (later->second == line) {
+        const ProcessSample* process = RealSampler::process(pid);
+        wrong[pid] = process ? differences(*process, line) : "no record";
+        if (wrong[pid].empty()) {
+          agreed.insert(pid);
+          wrong.erase(pid);
+        }
+      }
+    }
+    before = std::move(after);
   }
-  EXPECT_GT(compared, 50);
+  for (const auto& [pid, text] : wrong) ADD_FAILURE() << "pid " << pid << ": " << text;
+  EXPECT_GT(agreed.size(), 50U);
   EXPECT_EQ(RealSampler::process(std::stoi(stopped.pid()))->state, kProcessStopped);
   EXPECT_EQ(RealSampler::process(dead)->state, kProcessHalted);
   kill(std::stoi(stopped.pid()), SIGCONT);
