@@ -5,9 +5,9 @@ set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
-# Every binary lies in the preset's folder itself: waketide finds volornd beside it.
 # What is packed is what was built before.
 set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
+# Every binary lies in the preset's folder itself: waketide finds volornd beside it.
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${PROJECT_BINARY_DIR}")
 
 function(volorn_configure target)
