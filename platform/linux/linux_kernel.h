@@ -128,8 +128,8 @@ class LinuxKernel : public Kernel {
   Task* taskOf(PortName port);
   Task& taskOf(std::int32_t pid);
   Task* askedTask(std::int32_t pid);
-  // Sets `failure` to the result of the call when it gives null.
-  const ProcessRegion* regionPast(PortName port, std::uint64_t address, RegionWalk walk,
+  // Writes the region's place over `address` and `size`; when it gives null, the call's result to `failure`.
+  const ProcessRegion* regionPast(PortName port, std::uint64_t& address, std::uint64_t& size, RegionWalk walk,
                                   KernelReturn& failure);
   int readSystemFile(const char* name);
   int readProcesses();

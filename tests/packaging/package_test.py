@@ -15,7 +15,7 @@ PACKAGES = pathlib.Path("/var/tmp/volorn-package")
 ENABLED = {"/etc/systemd/system/multi-user.target.wants/volorn.service",
            "/etc/systemd/system/timers.target.wants/volorn-guard.timer"}
 # Of dpkg, of its triggers, and of those who are at work all the time.
-OTHERS = ("/var/lib/dpkg/", "/var/log/", "/var/cache/", "/run/log/", "/run/systemd/", "/etc/.pwd.lock")
+OTHERS = ("/var/lib/dpkg/", "/var/log/", "/var/cache/", "/var/tmp/", "/run/log/", "/run/systemd/", "/etc/.pwd.lock")
 # A user's number is never given to another, so the user stays.
 USERS = {f"/etc/{name}{old}" for name in ("passwd", "group", "shadow", "gshadow") for old in ("", "-")}
 

@@ -14,9 +14,11 @@ from systemd_host import run, waitFor
 ROUNDS = 50
 REGISTERED = host.STATE / "registered"
 
-# In the daemon's place, and as its user: registers a job that opens half a second from now.
-REGISTERS = (f"/bin/sh -c 'sqlite3 {host.FILE} \"UPDATE job SET window_start = (julianday() - 2451910.5) * 86400 "
-             f"+ 0.5\" && echo >> {REGISTERED}'")
+# In the daemon's place, and as its user: registers a job that opens half a second from now. It waits for those who
+# read, as the daemon does.
+REGISTERS = (f"/bin/sh -c 'sqlite3 -cmd \".timeout 30000\" {host.FILE} "
+             "\"UPDATE job SET window_start = (julianday() - 2451910.5) * 86400 + 0.5\" "
+             f"&& echo >> {REGISTERED}'")
 
 # The guard has read the row and noted it, and is stopped before it sets the timer.
 STOPPED = "/usr/bin/strace -qq -o /dev/null -e inject=rename:signal=STOP:when=1 /usr/sbin/waketide arm"

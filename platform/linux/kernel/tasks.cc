@@ -287,11 +287,16 @@ KernelReturn LinuxKernel::mach_port_names(PortName port, PortArray& names, PortA
   return kKernelSuccess;
 }
 
-const ProcessRegion* LinuxKernel::regionPast(PortName port, std::uint64_t address, RegionWalk walk,
-                                             KernelReturn& failure) {
+const ProcessRegion* LinuxKernel::regionPast(PortName port, std::uint64_t& address, std::uint64_t& size,
+                                             RegionWalk walk, KernelReturn& failure) {
   Task* task = taskOf(port);
   const ProcessRegion* region = task ? task->regionPast(address, walk) : nullptr;
-  failure = task && !task->error() ? kKernelInvalidAddress : failureOf(task);
+  if (region) {
+    address = region->address;
+    size = region->size_bytes;
+  } else {
+    failure = task && !task->error() ? kKernelInvalidAddress : failureOf(task);
+  }
   return region;
 }
 
@@ -299,10 +304,8 @@ KernelReturn LinuxKernel::mach_vm_region(PortName task, std::uint64_t& address, 
                                          RegionTopInfo& record) {
   const std::lock_guard lock(mutex_);
   KernelReturn failure = kKernelFailure;
-  const ProcessRegion* region = regionPast(task, address, RegionWalk::of_task, failure);
+  const ProcessRegion* region = regionPast(task, address, size, RegionWalk::of_task, failure);
   if (!region) return failure;
-  address = region->address;
-  size = region->size_bytes;
   record = region->info;
   return kKernelSuccess;
 }
@@ -311,10 +314,8 @@ KernelReturn LinuxKernel::mach_vm_region(PortName task, std::uint64_t& address, 
                                          RegionBasicInfo& record) {
   const std::lock_guard lock(mutex_);
   KernelReturn failure = kKernelFailure;
-  const ProcessRegion* region = regionPast(task, address, RegionWalk::of_task, failure);
+  const ProcessRegion* region = regionPast(task, address, size, RegionWalk::of_task, failure);
   if (!region) return failure;
-  address = region->address;
-  size = region->size_bytes;
   record = {.reserved = region->reserved};
   return kKernelSuccess;
 }
@@ -323,10 +324,8 @@ KernelReturn LinuxKernel::mach_vm_region_recurse(PortName task, std::uint64_t& a
                                                  std::uint32_t& depth, SubmapInfo64& record) {
   const std::lock_guard lock(mutex_);
   KernelReturn failure = kKernelFailure;
-  const ProcessRegion* region = regionPast(task, address, RegionWalk::of_own_task, failure);
+  const ProcessRegion* region = regionPast(task, address, size, RegionWalk::of_own_task, failure);
   if (!region) return failure;
-  address = region->address;
-  size = region->size_bytes;
   depth = 0;
   record = {.protection = region->protection,
             .pages_resident = region->info.private_pages_resident + region->info.shared_pages_resident,
