@@ -227,7 +227,9 @@ class FleetTest(host.Test):
     def testManualTellsOfEveryGauge(self):
         page = (HERE.parents[1] / "docs/man/volorn-keys.7").read_text()
         told = re.findall(r"^\.It gauge\n(.*)", page, re.MULTILINE)
-        self.assertEqual([name for name in told if not re.search("usage|standby", name)], list(GAUGES))
+        shown = list(GAUGES)
+        shown[4:4] = ["volorn_battery_usage_seconds", "volorn_battery_standby_seconds"]  # of a query that fails here
+        self.assertEqual(told, shown)
 
     def testRules(self):
         for arguments in (["check", "rules", str(FLEET / "volorn.rules.yml")],
