@@ -151,6 +151,7 @@ class FleetTest(host.Test):
         faults = []
         seen = collections.Counter()
         done = threading.Event()
+        self.addCleanup(done.set)  # also where a rewrite fails
 
         def scrape():
             text = fetch(f"http://{EXPORTER}/metrics")

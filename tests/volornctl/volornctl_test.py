@@ -43,9 +43,13 @@ def on_terminal(*arguments, columns=80, **environment):
     fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
     run(*arguments, stdout=terminal, env={**PLAIN, **environment})
     os.close(terminal)
-    text = os.read(master, 65536).decode()
-    os.close(master)
-    return text
+    text = b""
+    try:
+        while True:  # the kernel may hand it over in pieces
+            text += os.read(master, 65536)
+    except OSError:  # nobody holds the other end any more
+        os.close(master)
+    return text.decode()
 
 
 class VolornctlTest(unittest.TestCase):
