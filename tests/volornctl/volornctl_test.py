@@ -84,9 +84,9 @@ class VolornctlTest(unittest.TestCase):
     def test_an_empty_value_does_not_take_the_next_word(self):
         for option, *arguments in (("--output", "metrics", "--format", "openmetrics", "--output=", "file"),
                                    ("--key", "history", "--key=", "thermalLevel"), ("--key", "history", "--key="),
-                                   ("--limit", "history", "--limit=", "1"), ("--state-dir", "--state-dir=", ".", "status"),
-                                   ("--state-dir", "status", "--state-dir=", "."), ("--json", "status", "--json="),
-                                   ("--count", "top", "--count=", "1")):
+                                   ("--limit", "history", "--limit=", "1"), ("--json", "status", "--json="),
+                                   ("--state-dir", "--state-dir=", ".", "status"),
+                                   ("--state-dir", "status", "--state-dir=", "."), ("--count", "top", "--count=", "1")):
             done = run(*arguments, cwd=self.folder)
             self.assertEqual((done.returncode, done.stdout), (2, ""), arguments)
             self.assertEqual(done.stderr, f"volornctl: {option}: its value is empty; see volornctl --help\n")
