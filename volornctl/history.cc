@@ -111,9 +111,10 @@ History readHistory(const std::string& state_directory, std::int64_t limit,
   std::erase_if(history, [](const StoredSnapshot& snapshot) { return snapshot.metrics.empty(); });
   if (!history.empty()) return history;
   if (std::ranges::none_of(snapshot_key::kAll, [&](auto known) { return isNamed(known, *key); })) {
-    throw CLI::ValidationError("--key", "no snapshot knows it: " + *key);
+    throw CLI::ValidationError("--key", "not a key of these snapshots: " + *key);
   }
-  throw StateUnreadable(StateUnreadable::Reason::kNothingYet, reader.path() + ": no snapshot holds " + *key);
+  throw StateUnreadable(StateUnreadable::Reason::kNothingYet,
+                        reader.path() + ": none of these snapshots holds " + *key);
 }
 
 std::string historyJson(const History& history) {

@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -21,7 +22,9 @@ std::optional<Number> numberOf(const std::string& text) {
 // What the command line is told of an option that counts; empty when it is right.
 inline std::string checkCount(const std::string& text) {
   const std::optional<std::int64_t> count = numberOf<std::int64_t>(text);
-  return count && *count > 0 ? "" : "not a whole number above 0: " + text;
+  if (count && *count > 0) return "";
+  const std::string most = std::to_string(std::numeric_limits<std::int64_t>::max());
+  return "not a whole number from 1 to " + most + ": " + text;
 }
 
 }  // namespace volorn::ctl

@@ -40,6 +40,17 @@ void tell(Output& errors, const std::string& text) {
   }
 }
 
+// No option has an empty value. After "--name=" the parser would take the next word for it.
+void refuseEmptyValues(int argc, const char* const* argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (word.empty()) throw CLI::ValidationError("A word of the command line is empty");
+    if (word.starts_with("--") && word.find('=') == word.size() - 1) {
+      throw CLI::ValidationError(word.substr(0, word.size() - 1), "its value is empty");
+    }
+  }
+}
+
 // Parses and runs. Help and version are results and not errors.
 void run(int argc, const char* const* argv, Surroundings& surroundings) {
   CLI::App program("Shows what volornd keeps, and what the machine does now.", "volornctl");
@@ -47,13 +58,13 @@ void run(int argc, const char* const* argv, Surroundings& surroundings) {
   program.require_subcommand(0, 1);
   program.fallthrough();  // --state-dir may stand after the command too
   program.add_option("--state-dir", surroundings.state_directory, "Read the state file in this folder")
-      ->type_name("DIR")
-      ->check([](const std::string& folder) { return folder.empty() ? "the folder's name is empty" : ""; });
+      ->type_name("DIR");
   std::vector<std::pair<CLI::App*, std::unique_ptr<Command>>> commands;
   for (std::unique_ptr<Command>& command : makeCommands()) {
     CLI::App* parser = command->addTo(program);
     commands.emplace_back(parser, std::move(command));
   }
+  refuseEmptyValues(argc, argv);
   try {
     program.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {

@@ -59,8 +59,9 @@ class Replacement {
 
   void checkTarget() const {
     struct stat status = {};
-    if (fstatat(folder_.get(), place_.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-      if (errno != ENOENT || place_.name.empty()) fail();
+    const bool names_folder = place_.name.empty();
+    if (!names_folder && fstatat(folder_.get(), place_.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+      if (errno != ENOENT) fail();
     } else if (!S_ISREG(status.st_mode)) {
       throw std::runtime_error(path_ + ": not a regular file");
     }

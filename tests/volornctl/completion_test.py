@@ -58,18 +58,15 @@ class CompletionTest(unittest.TestCase):
     def test_values(self):
         orders = re.search(r"What has most first: (.*)", help_of("top"))[1]
         self.assertEqual(completed("top", "--sort", ""), sorted(re.sub(r" \(.*?\)", "", orders).split(", ")))
+        for order in completed("top", "--sort", ""):
+            subprocess.run([host.VOLORNCTL, "top", "--count", "1", "--sort", order], check=True,
+                           stdout=subprocess.DEVNULL)
         keys = sorted(host.KEYS)
         for words in (["--key", ""], ["--key", "="], ["--key", "=", ""]):
             self.assertEqual(completed("history", *words), keys)
         self.assertEqual(completed("history", "--key", "=", "jet"), ["jetsamLevel"])
         self.assertEqual(completed("metrics", "--format", "o"), ["openmetrics"])
         self.assertEqual(completed("history", "--limit", ""), [])
-        # Each of them is taken.
-        for arguments in (["metrics", "--format", "openmetrics"], *(["history", "--key", key] for key in keys),
-                          *(["top", "--count", "0", "--sort", order] for order in orders.split(", ")[1:])):
-            done = subprocess.run([host.VOLORNCTL, *arguments, "--state-dir", "/proc"], text=True, check=False,
-                                  stderr=subprocess.PIPE)
-            self.assertNotRegex(done.stderr, "--sort|--key|--format")
 
     def test_files_and_folders(self):
         with tempfile.TemporaryDirectory() as folder:

@@ -117,6 +117,8 @@ class ExportTest(host.Test):
             shutil.rmtree(FOLDER)
             FOLDER.mkdir()
             EXPORT.write_bytes(OLD)
+        named = subprocess.run([*COMMAND[:-1], f"{FOLDER}/"], stderr=subprocess.PIPE, text=True, check=False)
+        self.assertEqual((named.returncode, named.stderr), (1, f"volornctl: {FOLDER}/: not a regular file\n"))
         # In the place of the draft.
         for make, status in ((os.symlink, 1), (os.link, 0), (fifo, 0)):
             make(PRECIOUS, DRAFT)

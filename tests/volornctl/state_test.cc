@@ -166,8 +166,27 @@ TEST(StateTest, HistoryTakesTheNewestAndOneKey) {
             "2026-11-22T04:05:06Z  \\xff              1\n"
             "2026-11-23T04:05:06Z  thermalLevel     -4\n"
             "2026-11-23T04:05:06Z  \\xff              1\n");
-  EXPECT_EQ(volornctl(folder.path(), {"history", "--key", "jetsamLevel"}).status, kNoData);
-  EXPECT_EQ(volornctl(folder.path(), {"history", "--key", "thermal"}).status, kUsage);
+  EXPECT_EQ(volornctl(folder.path(), {"history", "--limit", "9223372036854775807", "--json"}).output,
+            R"({"schema":1,"snapshots":[)" + cases[0].snapshots + "]}\n");
+  change(folder / "volorn.db", "DELETE FROM metric WHERE snapshot_id = 2 AND position = 1;");
+  struct Refusal {
+    std::vector<const char*> arguments;
+    ExitStatus status;
+    std::string error;
+  };
+  const std::string none = folder.path() + "/volorn.db: none of these snapshots holds ";
+  const Refusal refusals[] = {
+      {{"--key", "jetsamLevel"}, kNoData, none + "jetsamLevel"},
+      {{"--key", "thermalLevel", "--limit", "1"}, kNoData, none + "thermalLevel"},
+      {{"--key", "thermal"}, kUsage, "--key: not a key of these snapshots: thermal; see volornctl --help"},
+  };
+  for (Refusal refusal : refusals) {
+    refusal.arguments.insert(refusal.arguments.begin(), {"history", "--json"});
+    const Outcome outcome = volornctl(folder.path(), refusal.arguments);
+    EXPECT_EQ(outcome.status, refusal.status);
+    EXPECT_EQ(outcome.output, "");
+    EXPECT_EQ(outcome.errors, "volornctl: " + refusal.error + "\n");
+  }
 }
 
 TEST(StateTest, WithoutASnapshotThereIsStatusAlone) {

@@ -43,9 +43,13 @@ def on_terminal(*arguments, columns=80, **environment):
     fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
     run(*arguments, stdout=terminal, env={**PLAIN, **environment})
     os.close(terminal)
-    text = os.read(master, 65536).decode()
-    os.close(master)
-    return text
+    text = b""
+    try:
+        while True:  # the kernel may hand it over in pieces
+            text += os.read(master, 65536)
+    except OSError:  # nobody holds the other end any more
+        os.close(master)
+    return text.decode()
 
 
 class VolornctlTest(unittest.TestCase):
@@ -70,10 +74,23 @@ class VolornctlTest(unittest.TestCase):
                           ["status", "extra"], ["status", "--state-dir"], ["status", "--state-dir", ""],
                           ["status", "--state-dir", "a", "--state-dir", "b"], ["history", "--limit", "0"],
                           ["history", "--limit", "1x"], ["history", "--key"], ["metrics", "--format", "text"],
-                          ["metrics", "--output", "file"], ["metrics", "--format", "openmetrics", "--json"]):
+                          ["history", "--limit", "-1"], ["history", "--limit", "9223372036854775808"],
+                          ["metrics", "--output", "file"], ["metrics", "--format", "openmetrics", "--json"],
+                          [""], ["history", "--key", ""], ["metrics", "--format", "openmetrics", "--output", ""]):
             done = run(*arguments)
             self.assertEqual((done.returncode, done.stdout), (2, ""), arguments)
             self.assertRegex(done.stderr, r"\Avolornctl: .+; see volornctl --help\n\Z")
+
+    def test_an_empty_value_does_not_take_the_next_word(self):
+        for option, *arguments in (("--output", "metrics", "--format", "openmetrics", "--output=", "file"),
+                                   ("--key", "history", "--key=", "thermalLevel"), ("--key", "history", "--key="),
+                                   ("--limit", "history", "--limit=", "1"), ("--json", "status", "--json="),
+                                   ("--state-dir", "--state-dir=", ".", "status"),
+                                   ("--state-dir", "status", "--state-dir=", "."), ("--count", "top", "--count=", "1")):
+            done = run(*arguments, cwd=self.folder)
+            self.assertEqual((done.returncode, done.stdout), (2, ""), arguments)
+            self.assertEqual(done.stderr, f"volornctl: {option}: its value is empty; see volornctl --help\n")
+        self.assertEqual(os.listdir(self.folder), ["volorn.db"])
 
     def test_state_directory_before_and_after_the_command(self):
         for arguments in (["--state-dir", ".", "metrics", "--json"], ["metrics", "--json", "--state-dir=."],
