@@ -31,8 +31,6 @@ using SteadyClock = std::chrono::steady_clock;
 // What is due is started so much later: a timer that is set into the past is accepted and never fires, and a
 // start of the daemon itself would be swallowed while it runs.
 constexpr double kLeadSeconds = 2.0;
-// systemd knows calendar times up to the year 2199 only. A start before its time does no harm.
-constexpr double kMostLeadSeconds = 365.0 * 86400.0;
 
 constexpr auto kRetry = 5ms;
 constexpr auto kPatience = 2s;
@@ -134,8 +132,7 @@ Date Arming::startAfter(const View& view) {
   const auto next = schedule.nextStart(view.job.row, now);
   record.served = schedule.served();
   writeArmRecord(record_path_, record);
-  if (next && next->secondsSince(now) <= kMostLeadSeconds) return *next;
-  return Date::fromSecondsSince1970(now.secondsSince1970() + (next ? kMostLeadSeconds : kLeadSeconds));
+  return next.value_or(Date::fromSecondsSince1970(now.secondsSince1970() + kLeadSeconds));
 }
 
 // False when the time is over, perhaps before systemd had it, or systemd has something else.

@@ -11,6 +11,7 @@
 #ifdef VOLORN_WAKETIDE_ARM
 #include "waketide/arm.h"
 #endif
+#include "waketide/mend.h"
 #include "waketide/serve.h"
 #include "waketide/tell.h"
 
@@ -55,6 +56,14 @@ void addServe(CLI::App& app, Arguments& given) {
   command->final_callback([&given] { serve(serveOptionsOf(given)); });
 }
 
+void addMend(CLI::App& app, Arguments& given) {
+  CLI::App* command =
+      app.add_subcommand("mend", "Clear a plan that a wrong clock has made, before it starts");
+  command->add_option("--state-dir", given.state_directory,
+                      "Folder of the state file, if not the daemon's own");
+  command->final_callback([&given] { mend(stateDirectoryOf(given)); });
+}
+
 #ifdef VOLORN_WAKETIDE_ARM
 // Gone after a boot, like the timer and what systemd knows of past runs.
 constexpr const char* kRuntimeDirectory = "/run/waketide";
@@ -73,6 +82,7 @@ int run(int argc, char** argv) {
   app.set_version_flag("--version", std::string("waketide ") + VOLORN_VERSION);
   app.require_subcommand(1);
   addServe(app, given);
+  addMend(app, given);
 #ifdef VOLORN_WAKETIDE_ARM
   addArm(app, given);
 #endif

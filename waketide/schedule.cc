@@ -9,6 +9,7 @@ namespace volorn::waketide {
 namespace {
 
 constexpr double kDaySeconds = 86400.0;
+constexpr double kFarthestPlanSeconds = 2.0 * kDaySeconds;
 
 Date later(Date date, double seconds) {
   return Date::fromSecondsSinceReferenceDate(date.secondsSinceReferenceDate() + seconds);
@@ -16,9 +17,15 @@ Date later(Date date, double seconds) {
 
 }  // namespace
 
+bool isTooFarAhead(Date plan, Date now) {
+  return plan.secondsSince(now) > kFarthestPlanSeconds;
+}
+
 bool isDue(const Row& row, Date now) {
+  if (!row) return true;
+  const Date start = Date::fromSecondsSinceReferenceDate(row->window_start_time);
   // So that a start which is no number is due, too.
-  return !row || !(now.secondsSinceReferenceDate() < row->window_start_time);
+  return !(start.secondsSince(now) > 0.0) || isTooFarAhead(start, now);
 }
 
 // Otherwise a row of numbers that are none would be served without end.

@@ -10,7 +10,11 @@ namespace volorn::waketide {
 // The daemon's row in the job table; none when it is missing or cannot be read.
 using Row = std::optional<JobDescription>;
 
-// True for a window that is open or expired, and for no row: then only a run of the daemon sets things right.
+// True for a plan that only a wrong clock can have made: the daemon plans for the next UTC day.
+bool isTooFarAhead(Date plan, Date now);
+
+// True for a window that is open, expired or too far ahead, and for no row: then only a run of the daemon
+// sets things right.
 bool isDue(const Row& row, Date now);
 
 // By the bits: a row of numbers that are none equals itself.

@@ -8,17 +8,21 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <optional>
+#include <string>
 #include <system_error>
 #include <utility>
 
 #include "platform/linux/file_descriptor.h"
 #include "platform/linux/linux_clock.h"
+#include "waketide/child_process.h"
 #include "waketide/job_row.h"
+#include "waketide/mend.h"
 #include "waketide/schedule.h"
 #include "waketide/signals.h"
-#include "waketide/started_daemon.h"
 #include "waketide/state_watch.h"
 #include "waketide/tell.h"
 
@@ -34,12 +38,26 @@ constexpr auto kSettling = 100ms;
 // Until the next look where no event or timer tells when.
 constexpr auto kRetry = 60s;
 
+// A mending waits for another's lock and for a reader, as a run does.
+constexpr auto kMendLimit = 120s;
+
+constexpr int kNotExecuted = 127;
+
 // Together less than the second in which a stop is to be done.
 constexpr auto kTermPatience = 300ms;
 constexpr auto kKillPatience = 500ms;
 
 [[noreturn]] void fail(const char* what) {
   throw std::system_error(errno, std::generic_category(), what);
+}
+
+// Returns when that could not be done.
+int becomeDaemon(const std::string& path) {
+  std::string name = path;
+  char* arguments[] = {name.data(), nullptr};
+  execv(path.c_str(), arguments);
+  tell(path + ": " + std::strerror(errno));
+  return kNotExecuted;
 }
 
 // Rings at a time of the real-time clock, and at once when that clock is set.
@@ -81,7 +99,10 @@ class Server {
 
  private:
   void look();
+  void startMending(const std::string& why);
   void startDaemon(const std::string& why);
+  bool start(const std::string& name, std::chrono::seconds limit, const std::function<int()>& work);
+  void handleEnd(int status);
   void tellEnd(int status) const;
   void killOverdue();
   void stop();
@@ -96,9 +117,12 @@ class Server {
   StateWatch watch_;
   bool unwatchable_ = false;
   Schedule schedule_;
-  StartedDaemon daemon_;
-  std::optional<Date> started_;  // by the start of which the schedule does not know yet
-  // While the daemon runs: when to kill it. Else: when to look, timer or not.
+  ChildProcess child_;
+  std::string name_;  // of the child
+  std::chrono::seconds limit_ = {};
+  std::optional<std::string> mending_for_;  // why the daemon is started after the child, which mends
+  std::optional<Date> started_;             // by the start of which the schedule does not know yet
+  // While a child runs: when to kill it. Else: when to look, timer or not.
   std::optional<SteadyClock::time_point> deadline_;
   bool settling_ = false;
 };
@@ -107,7 +131,7 @@ void Server::run() {
   look();
   for (;;) {
     // Left out of the set, the watch may fill up without waking us.
-    const bool watching = !daemon_.runs() && !settling_;
+    const bool watching = !child_.runs() && !settling_;
     pollfd waited[] = {
         {signals_.fd(), POLLIN, 0}, {timer_.fd(), POLLIN, 0}, {watching ? watch_.fd() : -1, POLLIN, 0}};
     if (poll(waited, std::size(waited), pollTimeoutMs()) < 0 && errno != EINTR) fail("poll");
@@ -116,10 +140,9 @@ void Server::run() {
     const bool rang = waited[1].revents != 0;
     if (rang) timer_.silence();
 
-    if (daemon_.runs()) {
-      if (const auto status = daemon_.takeEnd()) {
-        tellEnd(*status);
-        look();
+    if (child_.runs()) {
+      if (const auto status = child_.takeEnd()) {
+        handleEnd(*status);
       } else if (deadlinePassed()) {
         killOverdue();
       }
@@ -132,7 +155,7 @@ void Server::run() {
   }
 }
 
-// Only while no daemon runs.
+// Only while no child runs.
 void Server::look() {
   settling_ = false;
   deadline_.reset();
@@ -149,47 +172,63 @@ void Server::look() {
   if (const auto date = schedule_.sleepUntil(job.row, now)) {
     timer_.set(*date);
   } else {
-    startDaemon(job.row ? "its window is open" : job.trouble);
+    startMending(job.row ? "its window is open or too far ahead" : job.trouble);
   }
+}
+
+void Server::startMending(const std::string& why) {
+  const auto work = [this] {
+    mend(options_.state_directory);
+    return EXIT_SUCCESS;
+  };
+  if (start("waketide mend", kMendLimit, work)) mending_for_ = why;
 }
 
 void Server::startDaemon(const std::string& why) {
   const Date now = clock_.now();
-  if (!daemon_.start(options_.daemon_path, signals_)) {
-    tell(options_.daemon_path + ": no process for it: " + std::strerror(errno));
-    deadline_ = SteadyClock::now() + kRetry;
-    return;
-  }
+  const auto work = [this] { return becomeDaemon(options_.daemon_path); };
+  if (!start(options_.daemon_path, options_.run_limit, work)) return;
   started_ = now;
-  deadline_ = SteadyClock::now() + options_.run_limit;
   tell("started " + options_.daemon_path + ": " + why);
+}
+
+bool Server::start(const std::string& name, std::chrono::seconds limit, const std::function<int()>& work) {
+  const bool started = child_.start(work, signals_);
+  if (!started) tell(name + ": no process for it: " + std::strerror(errno));
+  name_ = name;
+  limit_ = limit;
+  deadline_ = SteadyClock::now() + (started ? limit : kRetry);
+  return started;
+}
+
+void Server::handleEnd(int status) {
+  tellEnd(status);
+  if (const auto why = std::exchange(mending_for_, std::nullopt)) return startDaemon(*why);
+  look();
 }
 
 void Server::tellEnd(int status) const {
   if (WIFSIGNALED(status)) {
     const int number = WTERMSIG(status);
     const char* name = sigabbrev_np(number);
-    tell(options_.daemon_path + " was ended by " +
-         (name ? std::string("SIG") + name : "signal " + std::to_string(number)));
+    tell(name_ + " was ended by " + (name ? std::string("SIG") + name : "signal " + std::to_string(number)));
   } else if (WEXITSTATUS(status) != 0) {
-    tell(options_.daemon_path + " ended with status " + std::to_string(WEXITSTATUS(status)));
+    tell(name_ + " ended with status " + std::to_string(WEXITSTATUS(status)));
   }
 }
 
 void Server::killOverdue() {
-  tell(options_.daemon_path + " did not end within " + std::to_string(options_.run_limit.count()) +
-       " s; killing it");
-  daemon_.send(SIGKILL);
+  tell(name_ + " did not end within " + std::to_string(limit_.count()) + " s; killing it");
+  child_.send(SIGKILL);
   deadline_.reset();  // one that hangs in the kernel is waited for
 }
 
 void Server::stop() {
-  if (!daemon_.runs()) return;
-  daemon_.send(SIGTERM);
-  if (daemon_.endsWithin(kTermPatience)) return;
-  daemon_.send(SIGKILL);
-  if (!daemon_.endsWithin(kKillPatience))
-    tell(options_.daemon_path + " hangs in the kernel and is left behind");
+  if (!child_.runs()) return;
+  child_.send(SIGTERM);
+  if (child_.endsWithin(kTermPatience)) return;
+  child_.send(SIGKILL);
+  if (!child_.endsWithin(kKillPatience)) tell(name_ + " hangs in the kernel and is left behind");
 }
 
 void Server::refreshWatch() {

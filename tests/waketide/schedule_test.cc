@@ -81,8 +81,9 @@ TEST(ScheduleTest, FirstLook) {
       {"no plan was stored", JobDescription{0.0, 604800.0}, true, 0},
       {"planned after the wrap of 2038", opening(-2'147'483'648.0), true, 0},
       {"no number", JobDescription{kNan, kNan}, true, 0},
-      {"opens in ten years", opening(kNoon + 3650 * kDay), false, kNoon + kDay},
-      {"opens never", JobDescription{kInfinity, kInfinity}, false, kNoon + kDay},
+      {"opens as late as a run can plan", opening(kNoon + 2 * kDay), false, kNoon + kDay},
+      {"opens later", opening(kNoon + 2 * kDay + 1), true, 0},
+      {"opens never", JobDescription{kInfinity, kInfinity}, true, 0},
   };
   for (const auto& row : rows) {
     const auto date = Schedule().sleepUntil(row.row, at(kNoon));
@@ -103,6 +104,7 @@ TEST(ScheduleTest, RowThatStaysDueIsStartedAgainOnlyAtMidnight) {
       {"no row ever", std::nullopt, [](double) { return Row(); }},
       {"row damaged by the first run", open, [](double) { return Row(); }},
       {"another expired row each time", open, [](double now) { return opening(now - 50'000 * kDay); }},
+      {"too far ahead", opening(kNoon + 3650 * kDay), [](double) { return opening(kNoon + 3650 * kDay); }},
       {"no number", JobDescription{kNan, kNan},
        [](double) {
          return JobDescription{kNan, kNan};
@@ -199,6 +201,15 @@ TEST(ScheduleTest, ChangesAfterARowWasLeftOpen) {
     EXPECT_EQ(host.look(), row.sleeps_until) << row.what;
     EXPECT_EQ(host.starts.size(), row.starts) << row.what;
   }
+}
+
+// Nothing but the daemon's own registering of it again, until it is as near as a plan can be.
+TEST(ScheduleTest, PlanThatIsTooFarAheadIsWaitedForInTheEnd) {
+  const double plan = kMidnight + 5 * kDay + kHour;
+  Host host{.row = opening(plan)};
+  host.leaves = [=](double now) { return opening(now < plan ? plan : now + kDay); };
+  host.sleepThrough(plan + kHour);
+  EXPECT_EQ(host.starts, (Starts{kNoon, kMidnight + kDay, kMidnight + 2 * kDay, kMidnight + 3 * kDay, plan}));
 }
 
 // The midnight counts from where the clock was set to, not from the start, which is now to come.

@@ -182,6 +182,7 @@ class ServeTest(unittest.TestCase):
             "fails": "sys.exit(3)",
             "crashes": "os.kill(os.getpid(), signal.SIGSEGV)",
             "registers an expired row": self.registering(-8 * DAY),
+            "registers one that is too far ahead": self.registering(10 * DAY),
         }
         said = {"fails": "ended with status 3", "crashes": "was ended by SIGSEGV"}
         for name, body in bodies.items():
