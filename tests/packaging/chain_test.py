@@ -1,5 +1,6 @@
 """The daemon's units under a real systemd: whatever happens, the timer stands for the next start."""
 
+import ctypes
 import fcntl
 import os
 import pathlib
@@ -16,6 +17,12 @@ from systemd_host import run, waitFor
 
 EXPORT = host.STATE / "volorn.prom"
 
+CLEARS = "clearing it, so that the daemon plans anew"
+STAYS = "it stays until the clock is synchronised or the machine has been up for 48 hours"
+
+# The step before the daemon, on a machine whose clock the kernel calls synchronised.
+SYNCHRONISED = "-+strace -qq -o /dev/null -e inject=adjtimex,clock_adjtime:retval=0 "
+
 fresh = None  # the state that the boot left
 
 
@@ -26,6 +33,17 @@ def setUpModule():
     if not waitFor(lambda: host.FILE.exists() and host.readState().jobs and units.timerStandsAt(units.row)):
         raise AssertionError(run("journalctl", "--quiet", "--lines=80"))
     fresh = host.save()
+
+
+def stepBefore():
+    """As installed, without the prefixes."""
+    lines = run("systemctl", "cat", "volorn.service").splitlines()
+    return next(line for line in lines if line.startswith("ExecStartPre=")).partition("=")[2].lstrip("-+")
+
+
+def clockIsTrusted():
+    state = ctypes.CDLL(None).adjtimex(ctypes.create_string_buffer(1024))
+    return 0 <= state < 5 or time.clock_gettime(time.CLOCK_BOOTTIME) >= 2 * host.DAY_SECONDS
 
 
 class BootTest(units.Test):
@@ -162,6 +180,39 @@ class ChainTest(units.Test):
         run("systemctl", "start", "volorn-guard.service")
         self.assertStarted()
         self.assertTimerAt(lambda: units.nextMidnight(units.started()))
+
+    def startWithPlanFarAhead(self):
+        """What the step before the daemon told."""
+        host.age(-10)
+        run("systemctl", "start", "volorn-guard.service")
+        self.assertStarted()
+        self.assertTrue(units.settled())
+        return units.journal("waketide", self.before)
+
+    def assertPlannedAnew(self):
+        state = host.readState()
+        self.assertEqual(host.dayOf(state.preferences["nextPlannedWakeupTime"]),
+                         host.dayOf(state.preferences["lastWakeupTime"]) + 1)
+        self.assertTimerAt(units.row)
+
+    def testPlanFarAheadOfASynchronisedClock(self):
+        units.dropIn("volorn.service", "ExecStartPre=", f"ExecStartPre={SYNCHRONISED}{stepBefore()}")
+        self.assertIn(CLEARS, self.startWithPlanFarAhead())
+        self.assertPlannedAnew()
+
+    def testPlanFarAheadOfTheMachinesClock(self):
+        """Whatever that is worth. The kernel is asked from where it answers."""
+        trusted = told = None
+        while told is None or clockIsTrusted() != trusted:
+            units.reset(fresh)
+            self.before, trusted = units.started(), clockIsTrusted()
+            told = self.startWithPlanFarAhead()
+        self.assertIn(CLEARS if trusted else STAYS, told)
+        self.assertNotIn("does not tell", "".join(told))
+        if trusted:
+            self.assertPlannedAnew()
+        else:
+            self.assertTimerAt(lambda: units.nextMidnight(units.started()))
 
     def testTimerOfSomebodyElse(self):
         """Nothing can be armed then; the service tells so, and tries again."""
