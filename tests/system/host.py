@@ -53,6 +53,11 @@ NEW = ["WTD job doesn't exist",
        "No wakeupTime set in preferences - either first time, or first after an erase install"]
 LATE = ["WTD job already exists",
         "Woke up too late, will mark that we were likely asleep at the time and exit"]
+EARLY = ["WTD job already exists",
+         "Woke up before 30.000000 seconds from due time, so not resetting planned wake up time",
+         "wakeupstatus was wakeupstatus too early"]
+HAS_ONE = "already dumped today!!"
+AGAIN = "rescheduling current trigger and not dumping the log"
 
 # A user besides root, where there can be one: an ordinary user's namespace may hold that user alone.
 OTHER_USER = 4321
