@@ -4,6 +4,7 @@ import pathlib
 import subprocess
 import sys
 import threading
+import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
 import host
@@ -29,10 +30,28 @@ def armWaits():
     return "-> FLOCK" in pathlib.Path("/proc/locks").read_text()
 
 
+def register():
+    """False when the chain has broken before there were enough rounds."""
+    def enough():
+        return REGISTERED.stat().st_size > ROUNDS
+
+    deadline = time.monotonic() + 300
+    run("systemctl", "start", "volorn.service")
+    while not waitFor(enough, seconds=2) and time.monotonic() < deadline:
+        # A busy machine has set the timer after the job had opened: it stands at midnight then, as it must.
+        if not units.active() and units.elapse() == units.nextMidnight(units.started()):
+            run("systemctl", "start", "volorn.service")
+    return enough()
+
+
 class RearmTest(units.Test):
+    def setUp(self):
+        units.reset({})
+        run("systemctl", "start", "volorn.service")
+        self.assertTimerAt(units.row)
+
     def testManyInARowAndTwoAtOnce(self):
         """The timer that is stopped may be there still when the next one is to be made."""
-        self.assertTimerAt(units.row)
         loop = "for i in $(seq 100); do waketide arm 2>/dev/null || echo failed; done"
         loops = [subprocess.Popen(["sh", "-c", loop], stdout=subprocess.PIPE, text=True) for _ in range(2)]
         self.assertEqual([loop.communicate(timeout=300)[0] for loop in loops], ["", ""])
@@ -40,7 +59,6 @@ class RearmTest(units.Test):
 
     def testFromTheServiceThatTheTimerStarted(self):
         """And with the service manager reloaded all the time. A chain that is broken stays so."""
-        self.assertTimerAt(units.row)
         units.dropIn("volorn.service", *units.instead(REGISTERS))
         done = threading.Event()
 
@@ -51,17 +69,14 @@ class RearmTest(units.Test):
         reloads = threading.Thread(target=reload)
         reloads.start()
         try:
-            run("systemctl", "start", "volorn.service")
-            self.assertTrue(waitFor(lambda: REGISTERED.stat().st_size > ROUNDS, seconds=300),
-                            f"{REGISTERED.stat().st_size} rounds\n" + run("journalctl", "--quiet", "--lines=40"))
+            self.assertTrue(register(), f"{REGISTERED.stat().st_size} rounds\n" + run("journalctl", "--quiet", "--lines=40"))
         finally:
             done.set()
             reloads.join()
+            run("systemctl", "stop", "volorn.timer", check=False, stderr=subprocess.DEVNULL)
         self.assertEqual(run("systemctl", "show", "-PNRestarts", "volorn-arm.service"), "0\n")
 
     def testDaemonEndsWhileTheGuardHoldsAnOlderRow(self):
-        units.reset({})
-        run("systemctl", "start", "volorn.service")
         fresh = host.save()
         units.dropIn("volorn-guard.service", *units.instead(STOPPED), "SystemCallFilter=")
         for number in range(ROUNDS):
