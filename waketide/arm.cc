@@ -65,6 +65,10 @@ std::uint64_t microsecondsSince1970(Date date) {
   return static_cast<std::uint64_t>(std::ceil(std::max(date.secondsSince1970(), 0.0) * 1e6));
 }
 
+Date dateOf(std::uint64_t microseconds) {
+  return Date::fromSecondsSince1970(static_cast<double>(microseconds) / 1e6);
+}
+
 std::string utcText(std::uint64_t microseconds) {
   const auto seconds = static_cast<time_t>(microseconds / 1'000'000);
   tm utc = {};
@@ -124,10 +128,9 @@ Date Arming::startAfter(const View& view) {
   ArmRecord record = readArmRecord(record_path_);
   Schedule schedule(record.served);
   const Date now = clock_.now();
-  if (view.run.ended && view.run.started_us != record.run_started_us) {
+  if (view.run.ended_us != 0 && view.run.started_us != record.run_started_us) {
     record.run_started_us = view.run.started_us;
-    const double started = static_cast<double>(view.run.started_us) / 1e6;
-    schedule.recordStart(Date::fromSecondsSince1970(started), view.job.row, now);
+    schedule.recordRun(dateOf(view.run.started_us), dateOf(view.run.ended_us), view.job.row);
   }
   const auto next = schedule.nextStart(view.job.row, now);
   record.served = schedule.served();

@@ -59,9 +59,9 @@ std::optional<Date> Schedule::sleepUntil(const Row& row, Date now) {
   return later(now, kDaySeconds);
 }
 
-void Schedule::recordStart(Date started, const Row& row, Date now) {
+void Schedule::recordRun(Date started, Date ended, const Row& row) {
   served_.reset();
-  if (isDue(row, now)) served_ = Served{started, row};
+  if (isDue(row, ended)) served_ = Served{started, row};
 }
 
 }  // namespace volorn::waketide

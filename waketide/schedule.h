@@ -44,8 +44,9 @@ class Schedule {
   // The same for who sleeps: when to look again unless something changes before, at most a day ahead.
   std::optional<Date> sleepUntil(const Row& row, Date now);
 
-  // The daemon was started at `started` and has ended since; `row` and `now` are of this moment.
-  void recordStart(Date started, const Row& row, Date now);
+  // The daemon ran from `started` to `ended`, and `row` is what is there after it. A window that has opened
+  // since `ended` is a new one.
+  void recordRun(Date started, Date ended, const Row& row);
 
   // For a schedule that goes on in another process.
   const std::optional<Served>& served() const { return served_; }

@@ -168,7 +168,7 @@ void Server::look() {
     return readJobRow(options_.state_directory);
   }();
   const Date now = clock_.now();
-  if (started_) schedule_.recordStart(*std::exchange(started_, std::nullopt), job.row, now);
+  if (started_) schedule_.recordRun(*std::exchange(started_, std::nullopt), now, job.row);
   if (const auto date = schedule_.sleepUntil(job.row, now)) {
     timer_.set(*date);
   } else {

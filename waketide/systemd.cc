@@ -97,7 +97,8 @@ Systemd::Run Systemd::lastRun() {
   if (result < 0) error.fail("volorn.service");
   const std::unique_ptr<char, decltype(&std::free)> owned(found, std::free);
   const std::string state = found;
-  return {started_us, started_us != 0 && (state == "inactive" || state == "failed")};
+  if (started_us == 0 || (state != "inactive" && state != "failed")) return {started_us, 0};
+  return {started_us, timestamp(kServicePath, kUnitInterface, "InactiveEnterTimestamp")};
 }
 
 void Systemd::stopTimer() {

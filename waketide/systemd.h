@@ -21,7 +21,7 @@ class Systemd {
   // The newest run of volorn.service since boot.
   struct Run {
     std::uint64_t started_us = 0;  // since 1970, by the clock of then; 0 when none is known
-    bool ended = false;
+    std::uint64_t ended_us = 0;    // likewise; 0 while it runs
 
     friend bool operator==(const Run&, const Run&) = default;
   };

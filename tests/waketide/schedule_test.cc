@@ -32,6 +32,7 @@ Row opening(double seconds_since_1970) {
 struct Host {
   double now = kNoon;
   double run_seconds = 0.0;
+  double until_looked_seconds = 0.0;  // after a run
   Row row = std::nullopt;
   std::function<Row(double now)> leaves = [](double then) { return opening(then + kDay); };
   Schedule schedule = {};
@@ -46,7 +47,8 @@ struct Host {
       starts.push_back(started);
       now += run_seconds;
       row = leaves(started);
-      schedule.recordStart(at(started), row, at(now));
+      schedule.recordRun(at(started), at(now), row);
+      now += until_looked_seconds;
     }
   }
 
@@ -134,6 +136,14 @@ TEST(ScheduleTest, RunThatCrossedMidnight) {
     const double served = std::max(plan, midnight + 2);  // not before the first run has ended
     EXPECT_EQ(host.starts, (Starts{midnight - 1, served, midnight + kDay}));
   }
+}
+
+// A host that was busy or asleep after the run, which left a window to come.
+TEST(ScheduleTest, WindowThatOpensBeforeTheLookAfterARun) {
+  Host host{.run_seconds = 1, .until_looked_seconds = kMinute, .row = opening(kNoon)};
+  host.leaves = [](double now) { return opening(now + (now == kNoon ? 2 : kDay)); };
+  EXPECT_EQ(host.look(), kNoon + kMinute + 1 + kDay);
+  EXPECT_EQ(host.starts, (Starts{kNoon, kNoon + kMinute + 1}));
 }
 
 TEST(ScheduleTest, RegularDays) {
