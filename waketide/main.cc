@@ -45,10 +45,15 @@ ServeOptions serveOptionsOf(const Arguments& given) {
   return options;
 }
 
+void addStateDirectory(CLI::App& command, Arguments& given) {
+  command
+      .add_option("--state-dir", given.state_directory, "Folder of the state file, if not the daemon's own")
+      ->check([](const std::string& folder) { return folder.empty() ? "the folder's name is empty" : ""; });
+}
+
 void addServe(CLI::App& app, Arguments& given) {
   CLI::App* command = app.add_subcommand("serve", "Stay in the foreground and start it, until SIGTERM");
-  command->add_option("--state-dir", given.state_directory,
-                      "Folder of the state file, if not the daemon's own");
+  addStateDirectory(*command, given);
   command->add_option("--daemon", given.daemon_path, "Program to start, if not the volornd beside this one");
   command->add_option("--run-limit", given.run_limit_seconds, "Seconds after which a run is killed")
       ->check(CLI::Range(1, 86400))
@@ -59,8 +64,7 @@ void addServe(CLI::App& app, Arguments& given) {
 void addMend(CLI::App& app, Arguments& given) {
   CLI::App* command =
       app.add_subcommand("mend", "Clear a plan that a wrong clock has made, before it starts");
-  command->add_option("--state-dir", given.state_directory,
-                      "Folder of the state file, if not the daemon's own");
+  addStateDirectory(*command, given);
   command->final_callback([&given] { mend(stateDirectoryOf(given)); });
 }
 
@@ -70,8 +74,7 @@ constexpr const char* kRuntimeDirectory = "/run/waketide";
 
 void addArm(CLI::App& app, Arguments& given) {
   CLI::App* command = app.add_subcommand("arm", "Have systemd start it through volorn.timer, and end");
-  command->add_option("--state-dir", given.state_directory,
-                      "Folder of the state file, if not the daemon's own");
+  addStateDirectory(*command, given);
   command->final_callback([&given] { arm(stateDirectoryOf(given), kRuntimeDirectory); });
 }
 #endif

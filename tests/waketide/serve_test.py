@@ -264,6 +264,7 @@ os.rename({result!r} + ".new", {result!r})"""))
     def test_usage(self):
         for arguments, status, text in (([], 2, "subcommand"), (["nap"], 2, "subcommand"), (["serve", "--nap"], 2, "--nap"),
                                         (["serve", "--run-limit", "0"], 2, "--run-limit"),
+                                        (["serve", "--state-dir", ""], 2, "--state-dir"),
                                         (["--version"], 0, "waketide 0.1.0\n"), (["--help"], 0, "serve"),
                                         (["serve", "--help"], 0, "--state-dir")):
             result = subprocess.run([os.path.join(BUILD, "waketide"), *arguments], capture_output=True, text=True,
