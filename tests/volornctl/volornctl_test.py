@@ -30,7 +30,7 @@ INSERT INTO metric VALUES (1, 1, 1, 3);
 
 
 def run(*arguments, **options):
-    options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "timeout": 60, **options}
+    options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "timeout": 600, **options}
     return subprocess.run([PROGRAM, *arguments], text=True, check=False, **options)
 
 
@@ -42,10 +42,13 @@ def on_terminal(*arguments, columns=80, **environment):
     master, terminal = pty.openpty()
     fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
     run(*arguments, stdout=terminal, env={**PLAIN, **environment})
+    os.write(terminal, b"\0")  # behind all that came before, which may be on its way still
+    text = b""
+    while not text.endswith(b"\0"):
+        text += os.read(master, 65536)
     os.close(terminal)
-    text = os.read(master, 65536).decode()
     os.close(master)
-    return text
+    return text[:-1].decode()
 
 
 class VolornctlTest(unittest.TestCase):
