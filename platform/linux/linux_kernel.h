@@ -46,6 +46,7 @@ class LinuxKernel : public Kernel {
   // The path of a process's executable is empty without the right to see it.
   int sysctl(SysctlName name, std::byte* buffer, std::size_t& length_bytes) override;
 
+  // The call for the list gives the processes that were there when the call for its size came before it.
   int proc_listpids(std::uint32_t type, std::uint32_t type_info, std::int32_t* buffer,
                     int size_bytes) override;
 
@@ -121,6 +122,7 @@ class LinuxKernel : public Kernel {
     PortName own = 0;    // what mach_task_self() stands for; 0 until it is asked for
     PortName named = 0;  // by pid_for_task() last; 0 when it has been handed back
     std::vector<std::int32_t> pids;
+    bool pids_are_counted = false;  // and are to be listed next
   };
 
   Tasks& tasks();

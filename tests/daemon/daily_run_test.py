@@ -97,9 +97,11 @@ class DailyRunTest(host.Test):
                 state = host.readState()
                 for key, date in (("wakeup", state.preferences["lastWakeupTime"]),
                                   ("next", state.preferences["nextPlannedWakeupTime"])):
-                    expected = (int(date) + offset_seconds) % host.DAY_SECONDS
-                    # Two readings of the clock may lie on either side of a second.
-                    self.assertAlmostEqual(state.metrics()[key + "SecsSinceMidnight"], expected, delta=1)
+                    told = state.metrics()[key + "SecsSinceMidnight"]
+                    self.assertIn(told, range(host.DAY_SECONDS))
+                    # Two readings of the clock may lie on either side of a second, or of midnight.
+                    apart = (told - int(date) - offset_seconds) % host.DAY_SECONDS
+                    self.assertLess(min(apart, host.DAY_SECONDS - apart), 60)
 
     def testManyAtOnce(self):
         def damage(files):
@@ -114,7 +116,7 @@ class DailyRunTest(host.Test):
                 host.restore(files)
                 before = host.State() if set_aside else host.readState()
                 daemons = [subprocess.Popen([host.VOLORND], stderr=subprocess.PIPE, text=True) for _ in range(32)]
-                logs = [daemon.communicate(timeout=120)[1] for daemon in daemons]
+                logs = [daemon.communicate(timeout=600)[1] for daemon in daemons]
                 self.assertEqual([daemon.returncode for daemon in daemons], [0] * 32)
                 self.checkRun(before, host.readState())
                 self.assertEqual("".join(logs).count("already dumped today!!"), 31)

@@ -35,7 +35,7 @@ def killAt(test, name, ordinal):
     """False when the run ended before; how often memory is asked for depends on where it lies."""
     daemon = subprocess.run(["strace", "-o", str(TRACE), "-e", f"trace={name}",
                              "-e", f"inject={name}:signal=SIGKILL:when={ordinal}", host.VOLORND],
-                            stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, timeout=120)
+                            stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, timeout=600)
     test.assertIn(daemon.returncode, (0, -9), daemon.stderr)
     return daemon.returncode != 0
 

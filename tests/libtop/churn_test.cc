@@ -94,30 +94,37 @@ constexpr std::size_t kBytesOfAnObject = 256;
 // Bytes for each object ever seen that the tables take at once when they double.
 constexpr std::size_t kBytesOfDoubling = 32;
 
+// Returns how many descriptors were open at most between two samples.
+std::size_t takeSamples(RealSampler& real, int count) {
+  std::size_t descriptors = 0;
+  for (int i = 1; i <= count; ++i) {
+    real.sample(i % 8 == 0, i % 3 == 0);  // what is new is walked in every one
+    EXPECT_TRUE(sampler.processes.isValid()) << "sample " << i;
+    while (const ProcessInfo* pinfo = libtop_piterate()) EXPECT_EQ(pinfo->psamp.seq, sampler.tsamp.seq);
+    EXPECT_TRUE(sampler.processes.isValid()) << "after the walk of sample " << i;
+    descriptors = std::max(descriptors, openDescriptors());  // the own task is open after some samples
+  }
+  return descriptors;
+}
+
 void sampleWhileProcessesComeAndGo() {
   const Churn churn;
   RealSampler real;
-  std::size_t bytes = 0;
-  std::size_t objects = 0;
-  std::size_t descriptors = 0;
-  const int samples = wantedSamples();
-  for (int i = 1; i <= samples; ++i) {
-    real.sample(i % 8 == 0, i % 3 == 0);  // what is new is walked in every one
-    ASSERT_TRUE(sampler.processes.isValid()) << "sample " << i;
-    while (const ProcessInfo* pinfo = libtop_piterate()) ASSERT_EQ(pinfo->psamp.seq, sampler.tsamp.seq);
-    ASSERT_TRUE(sampler.processes.isValid()) << "after the walk of sample " << i;
-    if (i > 100) continue;
-    bytes = allocatedBytes();
-    objects = sampler.shared_objects.size();
-    descriptors = std::max(descriptors, openDescriptors());  // the own task is open after some samples
+  const std::size_t descriptors = takeSamples(real, 100);
+  // The machine's other processes may become more; what is left behind is left behind each time.
+  for (int round = 0; round < 10; ++round) {
+    const std::size_t bytes = allocatedBytes();
+    const std::size_t objects = sampler.shared_objects.size();
+    EXPECT_LE(takeSamples(real, wantedSamples() - 100), descriptors);
+    const std::size_t objects_now = sampler.shared_objects.size();
+    const std::size_t most_bytes =
+        bytes + 65536 + (objects_now - objects) * kBytesOfAnObject + objects_now * kBytesOfDoubling;
+    const std::size_t bytes_now = allocatedBytes();
+    std::printf("%zd bytes and %zu shared objects more\n", static_cast<ssize_t>(bytes_now - bytes),
+                objects_now - objects);
+    if (bytes_now <= most_bytes || testing::Test::HasFailure()) return;
   }
-  EXPECT_LE(openDescriptors(), descriptors);
-  const std::size_t bytes_now = allocatedBytes();
-  const std::size_t objects_now = sampler.shared_objects.size();
-  EXPECT_LE(bytes_now,
-            bytes + 65536 + (objects_now - objects) * kBytesOfAnObject + objects_now * kBytesOfDoubling);
-  std::printf("%d samples: %zu bytes and %zu shared objects more than after the first hundred\n", samples,
-              bytes_now - bytes, objects_now - objects);
+  FAIL() << "bytes are left behind";
 }
 
 TEST(ChurnTest, SamplesLeaveNothingBehind) {

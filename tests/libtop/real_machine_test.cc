@@ -7,6 +7,7 @@
 #include <sys/mman.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -18,6 +19,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -32,6 +34,9 @@ using linux_host::kPage;
 using linux_host::RegionSource;
 
 constexpr RegionSource kSources[] = {RegionSource::best, RegionSource::page_map, RegionSource::smaps};
+
+// What moves may move between two looks: only what never agrees is wrong.
+constexpr int kAttempts = 40;
 
 // Processes at rest, and no relatives of this one: of those the memory changes as this one's does.
 class Crowd {
@@ -103,14 +108,15 @@ std::string faultOf(std::int32_t pid, const std::string& before, const std::stri
 }
 
 TEST(RealMachineTest, PrivateBytesOfEveryProcessAtRestAreThoseThatTheKernelSums) {
-  const Crowd crowd(200);
+  constexpr std::size_t kCrowd = 200;
+  const Crowd crowd(kCrowd);
   for (const RegionSource source : kSources) {
     std::map<std::int32_t, std::string> before = rollups();
     std::map<std::int32_t, std::string> faults;  // of those that have not agreed yet
     for (const auto& [pid, text] : before) faults[pid] = "";
     const std::size_t compared = faults.size();
     // A process may have been busy, even when it came back to the same sums.
-    for (int attempt = 0; attempt < 8 && !faults.empty(); ++attempt) {
+    for (int attempt = 0; attempt < kAttempts && !faults.empty(); ++attempt) {
       RealSampler real(source);  // whose first sample it is: later ones keep what they saw of shared objects
       real.sample(true);
       std::map<std::int32_t, std::string> after = rollups();
@@ -123,8 +129,7 @@ TEST(RealMachineTest, PrivateBytesOfEveryProcessAtRestAreThoseThatTheKernelSums)
       before = std::move(after);
     }
     for (const auto& [pid, text] : faults) EXPECT_EQ(text, "") << textOf(pid, "cmdline");
-    EXPECT_GT(compared, 200U);
-    EXPECT_LT(faults.size(), 20U) << "too busy to compare";
+    EXPECT_GE(compared - faults.size(), kCrowd) << "the crowd rests";
   }
 }
 
@@ -210,8 +215,8 @@ TEST(RealMachineTest, FiguresAreThoseOfPs) {
   std::set<std::int32_t> agreed;
   RealSampler real;
   std::map<std::int32_t, PsLine> before = ps();
-  // A kernel thread may wake for a moment between two equal lines: wrong is what never agrees.
-  for (int attempt = 0; attempt < 8 && (attempt == 0 || !wrong.empty()); ++attempt) {
+  // A kernel thread may wake for a moment between two equal lines.
+  for (int attempt = 0; attempt < kAttempts && (attempt == 0 || !wrong.empty()); ++attempt) {
     real.sample(false);
     std::map<std::int32_t, PsLine> after = ps();
     for (const auto& [pid, line] : before) {
@@ -321,6 +326,23 @@ struct Threads {
   std::size_t count = 0;
 };
 
+// The state letters of a process's threads, in alphabetical order.
+std::string statesOf(std::int32_t pid) {
+  std::string letters;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+    const std::string stat = textOf(pid, ("task/" + entry.path().filename().string() + "/stat").c_str());
+    if (const std::size_t name_end = stat.rfind(')'); name_end != stat.npos) letters += stat.at(name_end + 2);
+  }
+  std::ranges::sort(letters);
+  return letters;
+}
+
+void waitForStates(std::int32_t pid, std::string_view letters) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(5);
+  while (statesOf(pid) != letters && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  ASSERT_EQ(statesOf(pid), letters);
+}
+
 void burnCpu(std::chrono::milliseconds time) {
   timespec used = {};
   do {
@@ -377,6 +399,7 @@ class ThreadedProcess {
 
 TEST(RealMachineTest, AProcessOfThreadsHasTheirTimeOnceAndAllTheirSwitches) {
   ThreadedProcess threaded;
+  waitForStates(threaded.pid, "RSS");
   RealSampler real;
   const Threads before(threaded.pid);
   real.sample(false);
@@ -393,15 +416,11 @@ TEST(RealMachineTest, AProcessOfThreadsHasTheirTimeOnceAndAllTheirSwitches) {
   EXPECT_LE(ticksOf(process), after.ticks + 2) << "parts of ticks, of two threads";
 
   threaded.endRunningThread();
-  Threads at_rest(threaded.pid);
+  waitForStates(threaded.pid, "SS");
   real.sample(false);
-  for (int i = 0; i < 1000 && Threads(threaded.pid).ticks != at_rest.ticks; ++i) {
-    at_rest = Threads(threaded.pid);
-    real.sample(false);
-  }
   EXPECT_EQ(process.threads, 2U);
   EXPECT_EQ(process.threads_prev, 3U);
-  EXPECT_EQ(ticksOf(process), at_rest.ticks);
+  EXPECT_EQ(ticksOf(process), Threads(threaded.pid).ticks);
 }
 
 }  // namespace

@@ -28,8 +28,7 @@ fresh = None  # the state that the boot left
 
 def setUpModule():
     global fresh
-    if (left := host.DAY_SECONDS - time.time() % host.DAY_SECONDS) < 60:  # a row that stays open is started then
-        time.sleep(left + 1)
+    units.keepOffMidnight()
     if not waitFor(lambda: host.FILE.exists() and host.readState().jobs and units.timerStandsAt(units.row)):
         raise AssertionError(run("journalctl", "--quiet", "--lines=80"))
     fresh = host.save()
@@ -81,17 +80,20 @@ class SandboxTest(units.Test):
         return list(host.readState(copy).metrics().items())[-4:]
 
     def testLoadAndMemoryAreTheMachines(self):
+        agreed = []
+
         def readBetween():
             before, inside, after = self.readingsOutside(), self.readingsInside(), self.readingsOutside()
-            return (before, inside) if before == after else None
+            self.assertEqual([key for key, _ in inside], host.KEYS[13:])
+            agreed.extend(reading[0] for reading in inside if reading in before and reading in after)
+            return set(agreed) == set(host.KEYS[13:])
 
-        outside, inside = waitFor(readBetween)  # the figures move
-        self.assertEqual(inside, outside)
-        self.assertEqual([key for key, _ in inside], host.KEYS[13:])
+        self.assertTrue(waitFor(readBetween), agreed)  # the figures move, and none may never agree
 
 
 class ChainTest(units.Test):
     def setUp(self):
+        units.keepOffMidnight()
         units.reset(fresh)
         self.before = units.started()
 
@@ -137,9 +139,11 @@ class ChainTest(units.Test):
                 units.reset(fresh)
                 self.before = units.started()
                 spoil()
+                guarded = time.time() * 1e6
                 run("systemctl", "start", "volorn-guard.service")
-                self.assertEqual(units.started(), self.before)  # by the timer, and no other way
                 self.assertStarted()
+                # By the timer, which stands two seconds ahead then, and no other way.
+                self.assertGreater(units.started(), guarded + 1_000_000)
                 self.assertTrue(units.settled())
                 self.assertGreater(units.row(), time.time() * 1e6)
                 self.assertTimerAt(units.row)

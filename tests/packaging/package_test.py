@@ -14,8 +14,8 @@ from systemd_host import run, waitFor
 PACKAGES = pathlib.Path("/var/tmp/volorn-package")
 ENABLED = {"/etc/systemd/system/multi-user.target.wants/volorn.service",
            "/etc/systemd/system/timers.target.wants/volorn-guard.timer"}
-# Of dpkg, of its triggers, and of those who are at work all the time.
-OTHERS = ("/var/lib/dpkg/", "/var/log/", "/var/cache/", "/var/tmp/", "/run/log/", "/run/systemd/", "/etc/.pwd.lock")
+# Of dpkg, of its triggers, and of those who are at work all the time, on the machine itself as well.
+OTHERS = ("/var/tmp/", "/var/lib/dpkg/", "/var/log/", "/var/cache/", "/run/log/", "/run/systemd/", "/etc/.pwd.lock")
 # A user's number is never given to another, so the user stays.
 USERS = {f"/etc/{name}{old}" for name in ("passwd", "group", "shadow", "gshadow") for old in ("", "-")}
 
@@ -46,7 +46,10 @@ def files():
             for name in folders + names:
                 path = os.path.join(folder, name)
                 if not path.startswith(OTHERS):
-                    status = os.lstat(path)
+                    try:
+                        status = os.lstat(path)
+                    except FileNotFoundError:  # gone since it was listed
+                        continue
                     found[path] = (status.st_mode, status.st_uid, status.st_gid,
                                    0 if os.path.isdir(path) else status.st_size)
     return found

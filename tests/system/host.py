@@ -180,7 +180,7 @@ class Test(unittest.TestCase):
     def runDaemon(self, command=(VOLORND,), **options):
         """Returns the lines of the log."""
         done = subprocess.run(list(command), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.PIPE, text=True, timeout=120, **options)
+                              stderr=subprocess.PIPE, text=True, timeout=600, **options)
         self.assertEqual((done.returncode, done.stdout), (0, ""), done.stderr)
         return done.stderr.splitlines()
 

@@ -29,7 +29,7 @@ WANTED = {"dbus.service", "dbus.socket", "systemd-journald.service", "systemd-jo
 UNITS = pathlib.Path("/lib/systemd/system")
 ADMIN = pathlib.Path("/etc/systemd")
 
-BOOT_SECONDS = 120
+BOOT_SECONDS = 300
 
 
 def run(*command, **options):
@@ -38,7 +38,7 @@ def run(*command, **options):
     return subprocess.run(command, **options).stdout
 
 
-def waitFor(condition, seconds=60):
+def waitFor(condition, seconds=300):
     """What the condition gives as soon as it is true; else its last answer."""
     deadline = time.monotonic() + seconds
     while not (answer := condition()) and time.monotonic() < deadline:
@@ -149,7 +149,7 @@ def removeControlGroup(group):
             except OSError:  # its processes have not gone yet
                 pass
         return not group.exists()
-    waitFor(removed, seconds=10)
+    waitFor(removed, seconds=60)
 
 
 def boot(group):

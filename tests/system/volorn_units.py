@@ -2,6 +2,7 @@
 
 import pathlib
 import subprocess
+import time
 import unittest
 
 import host
@@ -57,6 +58,12 @@ def active():
     """Those of the services that are at work, or wait to be."""
     return run("systemctl", "list-units", "--plain", "--no-legend", "--state=activating,deactivating,active",
                *SERVICES) + run("systemctl", "list-jobs", "--no-legend")
+
+
+def keepOffMidnight():
+    """A row that stays open is started again then."""
+    if (left := host.DAY_SECONDS - time.time() % host.DAY_SECONDS) < 300:
+        time.sleep(left + 1)
 
 
 def settled():

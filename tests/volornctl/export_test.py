@@ -28,7 +28,7 @@ class ExportTest(host.Test):
 
     def export(self, before=(), **options):
         done = subprocess.run([*before, *COMMAND], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.PIPE, text=True, timeout=120, check=False, **options)
+                              stderr=subprocess.PIPE, text=True, timeout=600, check=False, **options)
         self.assertEqual(done.stdout, "")
         return done.returncode, done.stderr
 
@@ -99,7 +99,7 @@ class ExportTest(host.Test):
             DRAFT.write_bytes(b"left by a killed one")
             writers = [subprocess.Popen(COMMAND, stderr=subprocess.PIPE) for _ in range(16)]
             for writer in writers:
-                _, errors = writer.communicate(timeout=120)
+                _, errors = writer.communicate(timeout=600)
                 self.assertEqual((writer.returncode, errors), (0, b""))
             self.checkExported()
 

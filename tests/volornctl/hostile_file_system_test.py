@@ -89,7 +89,7 @@ class HostileFileSystemTest(unittest.TestCase):
     def run_json(self, *command):
         reader = subprocess.Popen([PROGRAM, *command, "--json"], stdout=subprocess.PIPE)
         try:
-            output, _ = reader.communicate(timeout=60)
+            output, _ = reader.communicate(timeout=600)
         except subprocess.TimeoutExpired:
             os.kill(self.server, signal.SIGKILL)  # one that waits for the file system cannot be killed itself
             reader.communicate()

@@ -13,6 +13,7 @@ import unittest
 
 PROGRAM = os.path.abspath(os.path.join(sys.argv.pop(1), "volornctl"))
 NOBODY = 65534
+ATTEMPTS = 40  # what has just begun to rest may still take a page
 STEPS = ("proc_name", "proc_pidinfo", "task_for_pid", "task_info_basic", "task_info_extmod")
 FIRST_LINES = "\n            Name                <UUID>                                  rpages\n"
 
@@ -46,7 +47,7 @@ def resident_pages(pid):
 
 def report(*arguments, program=PROGRAM, **options):
     done = subprocess.run([program, "memory", *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                          timeout=120, check=False, **options)
+                          timeout=600, check=False, **options)
     return done.returncode, done.stdout.decode(), done.stderr.decode()
 
 
@@ -99,10 +100,14 @@ class MemoryTest(unittest.TestCase):
 
     def test_resident_pages_are_those_of_statm(self):
         children = [self.start(self.compile(name)) for name in ("one", "two")]
-        shown = rows()
         for child in children:
-            self.assertEqual(shown[child.pid]["rpages"], resident_pages(child.pid))
-            self.assertEqual(shown[child.pid]["name"], os.path.basename(child.args[0]))
+            for _ in range(ATTEMPTS):
+                shown = rows()[child.pid]
+                pages = resident_pages(child.pid)
+                if shown["rpages"] == pages:
+                    break
+            self.assertEqual(shown["rpages"], pages)
+            self.assertEqual(shown["name"], os.path.basename(child.args[0]))
 
     def test_no_name_forges_a_row(self):
         forged = "a\nb\x1b[2J\\"

@@ -38,7 +38,7 @@ class ReadersTest(host.Test):
         trace.chmod(0o666)
         done = subprocess.run(["strace", "-f", "-o", str(trace), str(REACHABLE), *command], user=READER, group=READER,
                               extra_groups=groups, cwd="/", env={}, text=True, stdout=subprocess.PIPE,
-                              stderr=subprocess.PIPE, timeout=120, check=False)
+                              stderr=subprocess.PIPE, timeout=600, check=False)
         return done.returncode, done.stdout, done.stderr, trace.read_text()
 
     def testAMemberOfTheGroupReadsAndWritesNothing(self):

@@ -14,7 +14,7 @@ REFERENCE_DATE = 978307200  # seconds since 1970
 DAY = 86400
 PAGE = 4096  # what a look reads of the file at least, and the notices of a change do not
 JOB = "com.zorvik.volorn.logcreation"
-LATE_SECONDS = 20  # by which a busy machine may start the daemon late
+LATE_SECONDS = 120  # by which a busy machine may start the daemon late
 
 # Notes its start and its process.
 DAEMON = """#!/usr/bin/python3
@@ -27,7 +27,7 @@ with open({starts!r}, "a") as starts:
 """
 
 
-def wait_for(condition, seconds=10):
+def wait_for(condition, seconds=300):
     """What the condition gives as soon as it is true; else its last answer."""
     deadline = time.monotonic() + seconds
     while not (answer := condition()) and time.monotonic() < deadline:
@@ -69,7 +69,7 @@ class ServeTest(unittest.TestCase):
         self.state = os.path.join(self.folder, "state")
         self.starts_file = os.path.join(self.folder, "starts")
         self.log_file = os.path.join(self.folder, "log")
-        if to_midnight() < 30:  # a row that stays open is started again then
+        if to_midnight() < 60:  # a row that stays open is started again then
             time.sleep(to_midnight() + 1)
 
     def daemon(self, body="", name="daemon"):
@@ -108,7 +108,7 @@ class ServeTest(unittest.TestCase):
     def ends(self, process, number=signal.SIGTERM):
         """Stops it: its status. A busy machine takes longer than the second in which it is to be done."""
         process.send_signal(number)
-        return process.wait(timeout=20)
+        return process.wait(timeout=300)
 
     @staticmethod
     def waits_in(process, call):
@@ -232,7 +232,7 @@ class ServeTest(unittest.TestCase):
         database.close()
 
     def test_no_child_is_left(self):
-        ignores = "signal.signal(signal.SIGTERM, signal.SIG_IGN); open({!r}, 'w'); time.sleep(60)"
+        ignores = "signal.signal(signal.SIGTERM, signal.SIG_IGN); open({!r}, 'w'); time.sleep(3600)"
         for number, status in ((signal.SIGTERM, 0), (signal.SIGKILL, -signal.SIGKILL)):
             with self.subTest(number):
                 ready = os.path.join(self.folder, f"ready{number}")
@@ -242,10 +242,11 @@ class ServeTest(unittest.TestCase):
                 self.assertTrue(wait_for(lambda: not alive(self.starts()[-1][1])))
 
     def test_run_that_does_not_end(self):
-        process = self.serve(self.daemon("time.sleep(60)"), "--run-limit", "1")
+        process = self.serve(self.daemon("time.sleep(3600)"), "--run-limit", "1")
         self.assertTrue(wait_for(lambda: "was ended by SIGKILL" in self.log()))
         self.assertIn("did not end within 1 s", self.log())
-        self.assertFalse(alive(self.starts()[0][1]))
+        for _, pid in self.starts():  # none, where the limit came before it could note its start
+            self.assertFalse(alive(pid))
         self.assertEqual(self.ends(process), 0)
 
     def test_what_the_daemon_inherits(self):
@@ -268,7 +269,7 @@ os.rename({result!r} + ".new", {result!r})"""))
                                         (["--version"], 0, "waketide 0.1.0\n"), (["--help"], 0, "serve"),
                                         (["serve", "--help"], 0, "--state-dir")):
             result = subprocess.run([os.path.join(BUILD, "waketide"), *arguments], capture_output=True, text=True,
-                                    timeout=10, check=False)
+                                    timeout=300, check=False)
             self.assertEqual(result.returncode, status, arguments)
             self.assertIn(text, result.stderr if status else result.stdout)
 

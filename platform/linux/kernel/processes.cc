@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <utility>
 
 #include "platform/linux/file_descriptor.h"
 #include "platform/linux/kernel/numbered_entries.h"
@@ -24,12 +25,13 @@ int noBytes(int error) {
   return 0;
 }
 
-// Whether the process is listed without being shown: `hidepid=1`.
-bool isHidden(int proc_folder, std::int32_t pid) {
+// `hidepid=1` lists processes that it does not show. Of one that has ended since nobody can tell whether it
+// was such a one.
+bool isShown(int proc_folder, std::int32_t pid) {
   constexpr std::string_view kFile = "/stat";
   std::array<char, 24> name = {};
   std::ranges::copy(kFile, std::to_chars(name.begin(), name.end(), pid).ptr);
-  return faccessat(proc_folder, name.data(), F_OK, 0) != 0 && errno == EPERM;
+  return faccessat(proc_folder, name.data(), F_OK, 0) == 0;
 }
 
 }  // namespace
@@ -116,18 +118,24 @@ int LinuxKernel::readProcesses() {
   if (!folder) return errno;
   std::vector<std::int32_t>& pids = tasks().pids;
   const int error = listNumberedEntries(folder.get(), pids);
-  if (geteuid() != 0) std::erase_if(pids, [&](std::int32_t pid) { return isHidden(folder.get(), pid); });
+  if (geteuid() != 0) std::erase_if(pids, [&](std::int32_t pid) { return !isShown(folder.get(), pid); });
   return error;
 }
 
 int LinuxKernel::proc_listpids(std::uint32_t type, std::uint32_t /*type_info*/, std::int32_t* buffer,
                                int size_bytes) {
   const std::lock_guard lock(mutex_);
-  constexpr std::size_t kProcessesThatMayCome = 64;  // between the call for the size and that for the list
+  constexpr std::size_t kProcessesThatMayCome = 64;  // until another thread's call, which may come in between
   if (type != kProcAllPids) return noBytes(EINVAL);
-  if (const int error = readProcesses()) return noBytes(error);
+  // The list that the size was told of: one read later might not fit, and what is cut off may have been there
+  // all the time.
+  const bool is_counted = std::exchange(tasks().pids_are_counted, false);
+  if (const int error = buffer && is_counted ? 0 : readProcesses()) return noBytes(error);
   const std::vector<std::int32_t>& pids = tasks().pids;
-  if (!buffer) return static_cast<int>((pids.size() + kProcessesThatMayCome) * sizeof(pids[0]));
+  if (!buffer) {
+    tasks().pids_are_counted = true;
+    return static_cast<int>((pids.size() + kProcessesThatMayCome) * sizeof(pids[0]));
+  }
   const std::size_t room = static_cast<std::size_t>(std::max(size_bytes, 0)) / sizeof(pids[0]);
   const std::size_t filled = std::min(pids.size(), room);
   std::copy_n(pids.begin(), filled, buffer);

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <iterator>
+#include <set>
 #include <string>
 
 #include "tests/platform/linux/fixture_tree.h"
@@ -246,6 +247,13 @@ TEST_F(LinuxKernelTest, ListsAreOfNumberedFoldersAndCutToTheRoom) {
   EXPECT_GE(kernel_.proc_listpids(kProcAllPids, 0, nullptr, 0), 12);
   EXPECT_EQ(kernel_.proc_listpids(kProcAllPids, 0, pids, sizeof(pids)), 12);
   EXPECT_EQ(kernel_.proc_listpids(kProcAllPids, 0, pids, 9), 8);
+  // However many are born once the size is told.
+  const int size = kernel_.proc_listpids(kProcAllPids, 0, nullptr, 0);
+  for (int pid = 100; pid < 300; ++pid) std::filesystem::create_directory(tree_.at(std::to_string(pid)));
+  std::vector<std::int32_t> listed(static_cast<std::size_t>(size));
+  EXPECT_EQ(kernel_.proc_listpids(kProcAllPids, 0, listed.data(), size), 12);
+  EXPECT_EQ(std::set(listed.begin(), listed.begin() + 3), (std::set<std::int32_t>{7, 42, 30000}));
+  EXPECT_EQ(kernel_.proc_listpids(kProcAllPids, 0, listed.data(), size), size) << "the list of this moment";
   EXPECT_EQ(kernel_.proc_listpids(kProcAllPids + 1, 0, pids, sizeof(pids)), 0);
   char short_name[4] = "???";
   EXPECT_EQ(kernel_.proc_name(42, short_name, sizeof(short_name)), 3);
