@@ -285,6 +285,9 @@ class Screen:
             for fd in range(3):
                 os.dup2(self.terminal, fd)
             resource.setrlimit(resource.RLIMIT_CORE, (0, 0))  # ended by a signal, it leaves no file behind
+            # Who starts the tests in the background or under nohup ignores some.
+            for signal_number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP, signal.SIGPIPE):
+                signal.signal(signal_number, signal.SIG_DFL)
             for signal_number in ignored:
                 signal.signal(signal_number, signal.SIG_IGN)
             os.execvp(command[0], [*command, *arguments])
