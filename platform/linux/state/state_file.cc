@@ -99,7 +99,7 @@ void StateFile::bringUpToDate() {
 
 void StateFile::commit() {
   if (!database_ || lost_ || database_->autocommits()) return;
-  attempt([this] { database_->execute("COMMIT"); });
+  if (attempt([this] { database_->execute("COMMIT"); })) directory_.holdSpace();
 }
 
 bool StateFile::attempt(const std::function<void()>& step) {
