@@ -78,11 +78,14 @@ function(volorn_bench name)
   volorn_configure(${name})
 endfunction()
 
-# volorn_fuzz(NAME SOURCES file... [LINKS target...]): a libFuzzer program, run as a test over a bounded number of
-# inputs from a fixed seed. It compiles what it fuzzes itself, so that the fuzzer sees which way each input takes
+# volorn_fuzz(NAME [RUNS number] SOURCES file... [LINKS target...]): a libFuzzer program, run as a test over a bounded
+# number of inputs from a fixed seed. It compiles what it fuzzes itself, so that the fuzzer sees which way each input takes
 # there, and links what that needs around it. Clang alone brings libFuzzer.
 function(volorn_fuzz name)
-  cmake_parse_arguments(arg "" "" "SOURCES;LINKS" ${ARGN})
+  cmake_parse_arguments(arg "" "RUNS" "SOURCES;LINKS" ${ARGN})
+  if(NOT arg_RUNS)
+    set(arg_RUNS 20000)
+  endif()
   if(NOT (VOLORN_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang"))
     return()
   endif()
@@ -92,5 +95,13 @@ function(volorn_fuzz name)
   target_link_options(${name} PRIVATE -fsanitize=fuzzer)
   target_link_libraries(${name} PRIVATE ${arg_LINKS})
   volorn_configure(${name})
-  add_test(NAME ${name} COMMAND ${name} -runs=20000 -seed=1 -max_len=256 -verbosity=0)
+  # Inputs to begin with. As a folder the fuzzer would add to it.
+  string(REGEX REPLACE "_fuzz$" "" corpus ${name})
+  file(GLOB inputs CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/corpus/${corpus}/*)
+  if(inputs)
+    list(JOIN inputs "," inputs)
+    set(inputs -seed_inputs=${inputs})
+  endif()
+  add_test(NAME ${name}
+    COMMAND ${name} -runs=${arg_RUNS} -seed=1 -max_len=256 -verbosity=0 ${inputs})
 endfunction()

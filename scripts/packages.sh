@@ -4,7 +4,7 @@ packages_to_build=(g++ cmake ninja-build libsqlite3-dev libcli11-dev nlohmann-js
 packages_to_test=("${packages_to_build[@]}" clang libclang-rt-14-dev clang-format clang-tidy libgtest-dev
   binutils procps python3 strace faketime sqlite3
   prometheus prometheus-node-exporter python3-prometheus-client mandoc groff-base
-  systemd dbus dpkg-dev file cppcheck valgrind)
+  systemd dbus dpkg-dev file e2fsprogs mount cppcheck valgrind)
 packages_to_package=("${packages_to_build[@]}" dpkg-dev file lintian)
 packages_to_bench=("${packages_to_build[@]}" pkg-config libproc2-dev libgtop2-dev procps python3 smem)
 

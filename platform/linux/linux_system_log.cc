@@ -6,6 +6,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -41,12 +42,16 @@ LinuxSystemLog::~LinuxSystemLog() {
   if (to_syslog_) closelog();
 }
 
-void LinuxSystemLog::write(std::string_view line) {
+void LinuxSystemLog::write(std::string_view text) {
+  // One of SQLite's or with a path in it may hold a newline, behind which it would pass for another line.
+  std::string line(text);
+  std::ranges::replace_if(
+      line, [](unsigned char c) { return c < ' ' || c == 0x7F; }, ' ');
   if (to_syslog_) syslog(LOG_NOTICE, "%.*s", static_cast<int>(line.size()), line.data());
   if (!to_standard_error_) return;
   // In one piece, so that lines of several processes do not mix.
-  const std::string text = std::string(line) + "\n";
-  if (::write(STDERR_FILENO, text.data(), text.size()) < 0) return;
+  line += '\n';
+  if (::write(STDERR_FILENO, line.data(), line.size()) < 0) return;
 }
 
 }  // namespace volorn::linux_host

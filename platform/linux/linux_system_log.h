@@ -14,7 +14,7 @@ class LinuxSystemLog : public SystemLog {
   LinuxSystemLog(const LinuxSystemLog&) = delete;
   LinuxSystemLog& operator=(const LinuxSystemLog&) = delete;
 
-  void write(std::string_view line) override;
+  void write(std::string_view text) override;
 
  private:
   bool to_syslog_;

@@ -5,7 +5,10 @@ import itertools
 import os
 import pathlib
 import resource
+import struct
+import subprocess
 import sys
+import tempfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
 import host
@@ -83,9 +86,62 @@ UNUSABLE_AT_FIRST = [
     ("no folder and no right to make one", noFolder, f"{host.STATE}: Read-only file system"),
 ]
 
+def altered(*statements):
+    """The file after statements that no daemon would run, the schema open to them."""
+    def alter(good):
+        with tempfile.NamedTemporaryFile() as file:
+            file.write(good)
+            file.flush()
+            with host.opened(file.name) as database:
+                database.execute("PRAGMA writable_schema = ON")
+                for statement in statements:
+                    database.execute(statement)
+            return pathlib.Path(file.name).read_bytes()
+    return alter
+
+
+def withUnequalIndex(good):
+    """One metric's name is another in the table than in the index; none but a check of the whole file sees it."""
+    name = b"com.zorvik.snapshot.thermalLevel"
+    return altered("UPDATE upkeep SET done_at = 0")(good).replace(name, name[:-1] + b"x", 1)
+
+
+PAGE = 4096
+
+
+def withEndlessPages(good):
+    """The metrics of the first snapshot, again and again: each page of theirs holds the next two hundred times."""
+    with tempfile.NamedTemporaryFile() as file:
+        pathlib.Path(file.name).write_bytes(good)
+        with host.opened(file.name) as database:
+            database.execute("UPDATE upkeep SET done_at = 0")
+            root = database.execute("SELECT rootpage FROM sqlite_schema WHERE name = 'metric'").fetchone()[0]
+        pages = bytearray(pathlib.Path(file.name).read_bytes())
+    leaf = pages[(root - 1) * PAGE:root * PAGE]
+    first, = struct.unpack_from(">H", leaf, 8)
+    row = leaf[first:first + 1 + leaf[first]]
+
+    def pageOver(child):
+        cells = (struct.pack(">I", child) + row) * 200
+        begin = PAGE - len(cells)
+        places = struct.pack(">200H", *range(begin, PAGE, 4 + len(row)))
+        return (struct.pack(">BHHHBI", 2, 0, 200, begin, 0, child) + places).ljust(begin, b"\0") + cells
+
+    count = len(pages) // PAGE
+    pages[(root - 1) * PAGE:root * PAGE] = pageOver(count + 1)
+    for child in range(count + 2, count + 8):
+        pages += pageOver(child)
+    pages += leaf
+    struct.pack_into(">I", pages, 28, len(pages) // PAGE)
+    return bytes(pages)
+
+
+ENDLESS = "WITH RECURSIVE n(i) AS (VALUES (1) UNION ALL SELECT i + 1 FROM n) SELECT max(i)"
+
 # What stands in the place of the state file of yesterday: its bytes spoilt, and SQLite's word for it.
 NO_DATABASE = "file is not a database"
 MALFORMED = "database disk image is malformed"
+OTHER_TABLES = "its tables are not those that were made"
 SPOILT = [
     ("random bytes", lambda good: os.urandom(20000), NO_DATABASE),
     ("zeros", lambda good: bytes(8192), NO_DATABASE),
@@ -99,6 +155,19 @@ SPOILT = [
     ("random pages", lambda good: good[:4096] + os.urandom(len(good) - 4096), MALFORMED),
     ("text", lambda good: b"[preferences]\n" * 500, NO_DATABASE),
     ("another program's", lambda good: good[:68] + b"GPKG" + good[72:], "it holds another program's data"),
+    ("a trigger that does not end", altered(
+        f"CREATE TRIGGER t AFTER INSERT ON preference BEGIN UPDATE upkeep SET done_at = ({ENDLESS} FROM n); END"),
+     OTHER_TABLES),
+    ("a view that does not end", altered("DROP TABLE job", "CREATE VIEW job AS SELECT 'x' name, i window_start, "
+                                         f"i window_end FROM ({ENDLESS} i FROM n)"), OTHER_TABLES),
+    ("a column by another name", altered("ALTER TABLE metric RENAME COLUMN value TO amount"), OTHER_TABLES),
+    ("an index more", altered("CREATE INDEX i ON metric (value)"), OTHER_TABLES),
+    ("a schema that is no SQL", altered("UPDATE sqlite_schema SET sql = 'CREATE TABLE job (\n' WHERE name = 'job'"),
+     "malformed database schema (job) - incomplete input"),
+    ("an index that disagrees", withUnequalIndex, "row 3 missing from index sqlite_autoindex_metric_key_1"),
+    ("a header that lets nobody write", lambda good: good[:18] + b"\3" + good[19:], "its header lets nobody write"),
+    ("pages that hold each other", withEndlessPages,
+     "*** in database main *** On tree page 14 cell 199: 2nd reference to page 15"),
     ("older than any", lambda good: good[:60] + bytes(4) + good[64:], "it holds another program's data"),
 ]
 
@@ -142,6 +211,15 @@ class AdversityTest(host.Test):
             before = host.readState()
             self.assertEqual(self.runDaemon(), host.LATE)
             self.checkRun(before, host.readState())
+
+    def testReadersOfPagesThatHoldEachOther(self):
+        yesterday = self.makeStateOf(2)
+        host.restore({**yesterday, "volorn.db": withEndlessPages(yesterday["volorn.db"])})
+        for command in ("metrics", "history"):
+            done = subprocess.run([host.VOLORNCTL, command, "--json"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                  text=True, timeout=120)
+            self.assertEqual((done.returncode, done.stdout), (1, ""))
+            self.assertIn("damaged (interrupted)", done.stderr)
 
     def checkStarved(self, files, prepared, **options):
         """Whether the run was kept: all of it, or nothing and the log says so. Then one that lacks nothing."""

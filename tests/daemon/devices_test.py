@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import resource
 import shutil
 import sys
 
@@ -31,6 +32,11 @@ UNREADABLE = {
     "empty": "",
     "blank": "\n",
     "70,000 bytes": "1" * 70000,
+    "16 MiB": "1" * (16 << 20),
+    "NUL bytes": "\0" * 4096,
+    "16 MiB of nothing": Odd(lambda path: (path.touch(), os.truncate(path, 16 << 20))),
+    "link to itself": Odd(lambda path: os.symlink(path.name, path)),
+    "beyond 64 bits": 2**64 + 1500,
 }
 GONE = UNREADABLE["EIO"]
 
@@ -184,6 +190,15 @@ ZONES = [
 CLASSES = [("power_supply", "BAT", SUPPLIES), ("backlight", "panel", LIGHTS), ("thermal", "thermal_zone", ZONES)]
 
 
+# So many bytes of memory are plenty for a run; the sanitizers need more.
+MEMORY_BYTES = 64 << 20
+SANITIZED = b"__ubsan" in pathlib.Path(host.VOLORND).read_bytes()
+
+
+def boundMemory():
+    resource.setrlimit(resource.RLIMIT_AS, (MEMORY_BYTES, MEMORY_BYTES))
+
+
 def makeDevice(folder, attributes):
     folder.mkdir(parents=True)
     for name, content in attributes.items():
@@ -198,7 +213,7 @@ class DevicesTest(host.Test):
         expected = {**host.WITHOUT_DEVICES, **{SHORT[name]: value for name, value in differences.items()}}
         with self.subTest(what):
             host.restore(None)
-            self.assertEqual(self.runDaemon(), host.NEW)
+            self.assertEqual(self.runDaemon(preexec_fn=None if SANITIZED else boundMemory), host.NEW)
             metrics = host.readState().metrics()
             self.assertEqual({key: metrics[key] for key in DEVICE_KEYS if key in metrics}, expected)
             self.assertEqual(len(metrics) - len(expected), 7, "other keys")
@@ -229,6 +244,27 @@ class DevicesTest(host.Test):
                 (folder / "file").write_text("Battery\n")
                 (folder / "gone").symlink_to("nowhere")
             self.runOn(f"{class_name}: link", differences)
+
+    def testFoldersThatHoldThemselves(self):
+        """Links that lead back: to the class, to the device, and a class that is a link to itself."""
+        for class_name, device, attributes, differences in (
+            ("power_supply", "BAT", PACK, CHARGED),
+            ("backlight", "panel", light("raw", 50, 100), {"backlight": 5000}),
+            ("thermal", "thermal_zone", zone(50000, *TRIPS), {"thermal": 1}),
+        ):
+            folder = host.SYS_CLASS / class_name
+            makeDevice(folder / f"{device}2", attributes)
+            (folder / f"{device}2" / "device").symlink_to("..")
+            (folder / f"{device}0").symlink_to(f"{device}0")
+            (folder / f"{device}1").symlink_to(".")
+            self.runOn(f"{class_name}: entries that loop", differences)
+        (host.SYS_CLASS / "backlight").symlink_to("backlight")
+        makeDevice(host.SYS_CLASS / "power_supply" / "BAT0", PACK)
+        with self.subTest("a class that is a link to itself"):
+            host.restore(None)
+            self.assertEqual(self.runDaemon(), host.NEW)
+            metrics = host.readState().metrics()
+            self.assertEqual((metrics["battery.chargedPct100x"], metrics["backlightLevel100x"]), (9375, 0))
 
 
 if __name__ == "__main__":

@@ -1,7 +1,6 @@
 """volornd killed at every one of its system calls: the file holds the whole run or nothing of it."""
 
 import collections
-import ctypes
 import multiprocessing
 import os
 import pathlib
@@ -14,7 +13,6 @@ import traceback
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
 import host
 
-CLONE_NEWNS = 0x20000
 TRACE = host.LIB / "trace"
 REACHABLE = str(host.LIB / "volornd")  # by every user, wherever the build folder lies
 
@@ -41,10 +39,7 @@ def killAt(test, name, ordinal):
 
 
 def prepareWorker():
-    libc = ctypes.CDLL(None, use_errno=True)
-    if libc.unshare(CLONE_NEWNS) != 0:
-        raise OSError(ctypes.get_errno(), "unshare")
-    subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "lib", str(host.LIB)], check=True)
+    host.enterOwnLib()
     shutil.copy(host.VOLORND, REACHABLE)
 
 

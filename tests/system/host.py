@@ -6,6 +6,7 @@ A test file ends with host.main(); its first argument is the folder of the built
 """
 
 import contextlib
+import ctypes
 import dataclasses
 import fcntl
 import os
@@ -208,6 +209,14 @@ class Test(unittest.TestCase):
             return False
         self.checkRun(before, after)
         return True
+
+
+def enterOwnLib():
+    """Gives a worker process of a test a /var/lib of its own."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    if libc.unshare(0x20000) != 0:  # CLONE_NEWNS
+        raise OSError(ctypes.get_errno(), "unshare")
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "lib", str(LIB)], check=True)
 
 
 def raiseLoopback():

@@ -241,7 +241,7 @@ TEST(StateTest, WhatGivesNothingIsToldAndLeftAsItIs) {
       {"newer", kept("PRAGMA user_version = 2"), kFailed, "written by a newer program\n"},
       {"foreign", kept("PRAGMA application_id = 1"), kFailed, "holds another program's data\n"},
       {"tables missing", kept("DROP TABLE job; DROP TABLE metric; DROP TABLE snapshot;"), kFailed,
-       "damaged (no such table: "},
+       "damaged (its tables are not those that were made)"},
       {"no database", [](const auto& folder) { folder.write("volorn.db", std::string(5000, '\x9C')); },
        kFailed, "damaged (file is not a database)"},
       {"cut short",

@@ -10,10 +10,6 @@ namespace {
 
 constexpr std::uint64_t kKibBytes = 1024;
 
-// There are two dozen lines for each mapping, most of this length and this end.
-constexpr std::string_view kFieldEnd = " kB\n";
-constexpr std::size_t kFieldBytes = 28;
-
 // Takes a number and the character behind it off the text.
 bool takeNumber(std::string_view& text, int base, char behind, std::uint64_t& value) {
   const char* end = text.data() + text.size();
@@ -66,19 +62,12 @@ bool takeField(std::string_view line, std::uint64_t page_size_bytes, Mapping& ma
   return true;
 }
 
-// The place of the newline; npos when there is none yet.
-std::size_t findLineEnd(std::string_view text, std::size_t begin) {
-  const std::string_view field = text.substr(begin, kFieldBytes);
-  return field.size() == kFieldBytes && field.ends_with(kFieldEnd) ? begin + kFieldBytes - 1
-                                                                   : text.find('\n', begin);
-}
-
 }  // namespace
 
 std::optional<std::size_t> parseSmaps(std::string_view text, std::uint64_t page_size_bytes,
                                       std::vector<Mapping>& mappings) {
   std::size_t taken = 0;
-  for (std::size_t newline; (newline = findLineEnd(text, taken)) != text.npos; taken = newline + 1) {
+  for (std::size_t newline; (newline = text.find('\n', taken)) != text.npos; taken = newline + 1) {
     const std::string_view line = text.substr(taken, newline - taken);
     const bool is_field = !line.empty() && line[0] >= 'A' && line[0] <= 'Z';  // addresses have small letters
     if (is_field) {

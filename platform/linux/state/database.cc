@@ -3,6 +3,13 @@
 namespace volorn::linux_host {
 namespace {
 
+// A hundred times the longest text of ours.
+constexpr int kLongestValueBytes = 100'000;
+
+// Steps of SQLite's machine after which a statement is given up, tens of times as many as a check of a full
+// file takes: pages that refer to each other make a table without end.
+constexpr int kMostSteps = 10'000'000;
+
 void checkDatabase(sqlite3* database, int result) {
   if (result == SQLITE_OK || result == SQLITE_ROW || result == SQLITE_DONE) return;
   throw SqliteError(result, database ? sqlite3_errmsg(database) : sqlite3_errstr(result));
@@ -16,6 +23,8 @@ bool SqliteError::tellsOfDamage() const {
     case SQLITE_NOTADB:
     case SQLITE_ERROR:
     case SQLITE_SCHEMA:
+    case SQLITE_TOOBIG:
+    case SQLITE_INTERRUPT:
     case SQLITE_CONSTRAINT:
     case SQLITE_MISMATCH:
       return true;
@@ -88,9 +97,13 @@ Database::Database(const std::string& path, Access access, int busy_timeout_ms) 
   database_.reset(database);
   checkDatabase(database, result);
   checkDatabase(database, sqlite3_busy_timeout(database, busy_timeout_ms));
-  // The file may have been made by someone else.
+  // The file may have been made by someone else, and a page of it may hold anything.
+  sqlite3_limit(database, SQLITE_LIMIT_LENGTH, kLongestValueBytes);
+  sqlite3_progress_handler(
+      database, kMostSteps, [](void*) { return 1; }, nullptr);
   sqlite3_db_config(database, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   sqlite3_db_config(database, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
+  execute("PRAGMA cell_size_check = ON");
 }
 
 void Database::execute(const char* sql) {

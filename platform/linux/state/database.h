@@ -80,6 +80,9 @@ class Database {
   int changes() const { return sqlite3_changes(database_.get()); }
   std::int64_t lastInsertRowid() const { return sqlite3_last_insert_rowid(database_.get()); }
 
+  // Known once something has been read.
+  bool isReadOnly() const { return sqlite3_db_readonly(database_.get(), "main") == 1; }
+
   // False inside a transaction.
   bool autocommits() const { return sqlite3_get_autocommit(database_.get()) != 0; }
 

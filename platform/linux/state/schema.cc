@@ -5,12 +5,13 @@ namespace {
 
 constexpr std::int64_t kApplicationId = 0x766F6C6E;  // "voln"
 
-// Times are seconds since the reference date of Date.
-constexpr const char* kCreate = R"sql(
-PRAGMA application_id = 0x766F6C6E;
-PRAGMA user_version = 1;
+constexpr const char* kMarkAsOurs = "PRAGMA application_id = 0x766F6C6E; PRAGMA user_version = 1;";
 
-CREATE TABLE preference (
+static_assert(kSchemaVersion == 1 && kApplicationId == 0x766F6C6E, "kMarkAsOurs names both");
+
+// Times are seconds since the reference date of Date. SQLite keeps this text, and kSelectTables finds it
+// again to the letter.
+constexpr std::string_view kTables = R"sql(CREATE TABLE preference (
   domain TEXT NOT NULL,
   key TEXT NOT NULL,
   kind TEXT NOT NULL CHECK (kind = 'date' AND typeof(value) = 'real'
@@ -46,17 +47,27 @@ CREATE TABLE metric (
 CREATE TABLE upkeep (
   task TEXT PRIMARY KEY,
   done_at REAL NOT NULL
-) STRICT, WITHOUT ROWID;
-)sql";
+) STRICT, WITHOUT ROWID)sql";
 
-static_assert(kSchemaVersion == 1 && kApplicationId == 0x766F6C6E, "kCreate names both");
+constexpr std::string_view kSelectTables =
+    "SELECT group_concat(sql, char(59, 10, 10)) FROM (SELECT sql FROM sqlite_schema ORDER BY rowid)";
+
+// A trigger, a view or an expression of somebody else's would be run by our statements, and need not end.
+void checkTables(Database& database) {
+  Statement select = database.prepare(kSelectTables);
+  if (select.step() && select.text(0) == kTables) return;
+  throw SqliteError(SQLITE_CORRUPT, "its tables are not those that were made");
+}
 
 }  // namespace
 
 Schema schemaOf(Database& database) {
   const std::int64_t application_id = database.integer("PRAGMA application_id");
   const std::int64_t version = database.integer("PRAGMA user_version");
-  if (application_id == kApplicationId && version == kSchemaVersion) return Schema::kCurrent;
+  if (application_id == kApplicationId && version == kSchemaVersion) {
+    checkTables(database);
+    return Schema::kCurrent;
+  }
   if (application_id == kApplicationId && version > kSchemaVersion) return Schema::kNewer;
   const bool untouched = application_id == 0 && version == 0;
   return untouched && database.integer("SELECT count(*) FROM sqlite_schema") == 0 ? Schema::kEmpty
@@ -64,7 +75,8 @@ Schema schemaOf(Database& database) {
 }
 
 void createSchema(Database& database) {
-  database.execute(kCreate);
+  database.execute(kMarkAsOurs);
+  database.execute(kTables.data());
 }
 
 }  // namespace volorn::linux_host

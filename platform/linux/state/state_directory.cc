@@ -4,6 +4,7 @@
 #include <pwd.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -21,11 +22,16 @@ namespace volorn::linux_host {
 namespace {
 
 constexpr const char* kLockName = "volorn.lock";
+constexpr const char* kJournalName = "volorn.db-journal";
 constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kStateFileMode = 0640;
 constexpr mode_t kLockMode = 0600;
 
 constexpr std::int64_t kLockPatienceMs = 45'000;
+
+// What the two files are to need at most: 4,000 snapshots take 1.3 MiB, a run puts back a few dozen pages.
+constexpr off_t kStateFileBytes = 1536 * 1024;
+constexpr off_t kJournalBytes = 256 * 1024;
 
 [[noreturn]] void fail(const std::string& what, int error = errno) {
   throw std::system_error(error, std::generic_category(), what);
@@ -78,6 +84,27 @@ void becomeOwnerOf(int directory, const std::string& path) {
   prctl(PR_GET_PDEATHSIG, &parent_death_signal);
   if (seteuid(status.st_uid) != 0) fail(path + ": its owner");
   prctl(PR_SET_PDEATHSIG, parent_death_signal);
+}
+
+// Beyond its end, where nobody who reads the file meets it. What is asked for is there whole or not taken at
+// all.
+void holdSpaceFor(int directory, const std::string& name, off_t bytes) {
+  struct stat status = {};
+  if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return;
+  const off_t missing_bytes = bytes - status.st_blocks * 512;
+  if (missing_bytes <= 0) return;
+  struct statvfs disk = {};
+  if (fstatvfs(directory, &disk) != 0) return;
+  if (disk.f_bavail < static_cast<std::uint64_t>(missing_bytes) / disk.f_frsize + 1) return;
+  const FileDescriptor file(openat(directory, name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (file && fallocate(file.get(), FALLOC_FL_KEEP_SIZE, 0, bytes) != 0) return;
+}
+
+// Takes nothing of the file but what it holds beyond its end.
+void releaseSpaceOf(int directory, const std::string& name) {
+  const FileDescriptor file(openat(directory, name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  struct stat status = {};
+  if (file && fstat(file.get(), &status) == 0 && ftruncate(file.get(), status.st_size) != 0) return;
 }
 
 std::string canonical(const std::string& path) {
@@ -151,6 +178,12 @@ void StateDirectory::makeStateFile() {
   if (!file) fail(path);
 }
 
+void StateDirectory::holdSpace() {
+  // The journal first: what is left may be enough for it alone, and it is in use on every day.
+  holdSpaceFor(directory_.get(), kJournalName, kJournalBytes);
+  holdSpaceFor(directory_.get(), kStateFileName, kStateFileBytes);
+}
+
 void StateDirectory::setStateFileAside(const Date& now) {
   const std::string name = kStateFileName;
   std::string aside = name + ".damaged-" + utcStamp(now);
@@ -162,11 +195,13 @@ void StateDirectory::setStateFileAside(const Date& now) {
   for (int n = 2; exists(aside) || exists(aside + "-journal"); ++n) aside = base + "-" + std::to_string(n);
   // The journal first: SQLite deletes one that it finds beside a new file.
   const int directory = directory_.get();
-  const std::string journal = name + "-journal";
+  const std::string journal = kJournalName;
   if (renameat(directory, journal.c_str(), directory, (aside + "-journal").c_str()) != 0 && errno != ENOENT) {
     fail(path_ + "/" + journal);
   }
+  releaseSpaceOf(directory, aside + "-journal");
   if (renameat(directory, name.c_str(), directory, aside.c_str()) != 0) fail(path_ + "/" + name);
+  releaseSpaceOf(directory, aside);
   fsync(directory);
   makeStateFile();
 }

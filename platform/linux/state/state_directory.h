@@ -28,6 +28,11 @@ class StateDirectory {
   // again does nothing.
   void enter();
 
+  // Sees to it that state file and journal hold the space on the disk that they will ever need, so that a
+  // disk that others fill stops no run. Where there is no such space left nothing is taken, and the next run
+  // tries again. Only between transactions: locks within the state file would be let go.
+  void holdSpace();
+
   // Renames state file and journal to names that tell the time. Only after enter(), with the file closed.
   void setStateFileAside(const Date& now);
 

@@ -1,5 +1,8 @@
 #include "platform/linux/state/state_file.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <filesystem>
 #include <system_error>
 
@@ -11,15 +14,19 @@ namespace {
 // A reader holds its lock for milliseconds.
 constexpr int kBusyTimeoutMs = 10'000;
 
-// A check reads the whole file, which costs ten times the run.
+// A check reads the whole file, which costs ten times the run and more.
 constexpr double kCheckIntervalSeconds = 30.0 * 86400.0;
-constexpr const char* kCheckTask = "quick_check";
+constexpr const char* kCheckTask = "integrity_check";
 
 // In simulated power cuts the default journal mode lost commits; this one did not. Unlike a write-ahead log
 // it opens for a reader who may not write the folder, and on a full disk.
 constexpr const char* kPragmas =
     "PRAGMA journal_mode = PERSIST;"
     "PRAGMA synchronous = FULL;";
+
+bool isWritable(const std::string& path) {
+  return faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0;
+}
 
 }  // namespace
 
@@ -64,6 +71,10 @@ void StateFile::open() {
     database_.reset();
     return;
   }
+  // SQLite opens a file for reading alone whose header asks for it, too.
+  if (database_->isReadOnly() && isWritable(directory_.stateFilePath())) {
+    throw SqliteError(SQLITE_CORRUPT, "its header lets nobody write");
+  }
   database_->execute(kPragmas);
 }
 
@@ -80,7 +91,7 @@ void StateFile::bringUpToDate() {
   const double age_seconds = known ? now - last_check.real(0) : kCheckIntervalSeconds;
   last_check.reset();
   if (age_seconds >= 0.0 && age_seconds < kCheckIntervalSeconds) return;
-  Statement check = database_->prepare("PRAGMA quick_check(1)");
+  Statement check = database_->prepare("PRAGMA integrity_check(1)");
   if (check.step() && check.text(0) != "ok") throw SqliteError(SQLITE_CORRUPT, check.text(0));
   check.reset();
   database_->prepare("REPLACE INTO upkeep VALUES (?, ?)").bind(1, kCheckTask).bind(2, now).run();
@@ -88,7 +99,7 @@ void StateFile::bringUpToDate() {
 
 void StateFile::commit() {
   if (!database_ || lost_ || database_->autocommits()) return;
-  attempt([this] { database_->execute("COMMIT"); });
+  if (attempt([this] { database_->execute("COMMIT"); })) directory_.holdSpace();
 }
 
 bool StateFile::attempt(const std::function<void()>& step) {

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -102,7 +103,7 @@ std::vector<StoredSnapshot> StateReader::newestSnapshots(std::int64_t limit) {
     Statement metrics = database_->prepare(
         "SELECT name, value FROM metric JOIN metric_key ON id = key_id WHERE snapshot_id = ? ORDER BY "
         "position");
-    newest.bind(1, limit);
+    newest.bind(1, std::min(limit, kSnapshotsKept));  // a file that holds more is not sound
     while (newest.step()) {
       StoredSnapshot& snapshot = snapshots.emplace_back(
           StoredSnapshot{.taken_at = Date::fromSecondsSinceReferenceDate(newest.real(1)), .metrics = {}});

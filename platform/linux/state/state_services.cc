@@ -2,15 +2,10 @@
 
 #include <utility>
 
+#include "platform/linux/state/schema.h"
 #include "platform/linux/state/state_queries.h"
 
 namespace volorn::linux_host {
-namespace {
-
-constexpr std::int64_t kSnapshotsKept = 4000;
-
-}  // namespace
-
 std::optional<PreferenceValue> LinuxPreferencesStore::copyValue(std::string_view domain,
                                                                 std::string_view key) {
   std::optional<PreferenceValue> value;
@@ -67,8 +62,8 @@ void LinuxMetricStore::beginSnapshot(Database& database) {
   snapshot_id_ = database.lastInsertRowid();
   position_ = 0;
   transaction_ = state_file_.transaction();
+  if (snapshot_id_ <= kSnapshotsKept) return;
   const std::int64_t newest_dropped = snapshot_id_ - kSnapshotsKept;
-  if (newest_dropped <= 0) return;
   database.prepare("DELETE FROM metric WHERE snapshot_id <= ?").bind(1, newest_dropped).run();
   database.prepare("DELETE FROM snapshot WHERE id <= ?").bind(1, newest_dropped).run();
 }
