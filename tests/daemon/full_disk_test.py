@@ -1,6 +1,6 @@
 """volornd on a disk that others have filled to the last byte, day after day.
 
-VOLORN_FULL_DISK_DAYS says how many days; a year takes half a minute.
+VOLORN_FULL_DISK_DAYS says how many days; a year takes a minute.
 """
 
 import contextlib
@@ -42,7 +42,7 @@ class FullDiskTest(host.Test):
         super().setUp()
         with open(DISK, "wb") as file:
             file.truncate(DISK_BYTES)
-        subprocess.run(["mkfs.ext4", "-q", "-m", "0", str(DISK)], check=True)
+        subprocess.run(["/sbin/mkfs.ext4", "-q", "-m", "0", str(DISK)], check=True)
         try:
             self.enterContext(host.mounted("-o", "loop", str(DISK), str(host.LIB)))
         except subprocess.CalledProcessError:  # no loop devices, or no right to them: memory is such a disk, too

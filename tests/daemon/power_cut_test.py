@@ -182,7 +182,7 @@ class Recording:
         for number, call in enumerate(calls):
             folder.take(*call)
             seen = []
-            for attempt in range(IMAGES):
+            for attempt in range(IMAGES if syncs else IMAGES // 10 + 1):
                 chance = random.Random(f"{seed} {self.what} {number} {attempt}")
                 image = folder.onDisk(chance)
                 if image not in seen:
