@@ -15,6 +15,7 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <utility>
 
@@ -152,6 +153,11 @@ class Process {
 };
 
 enum class Ending { zombie, gone, replaced };
+
+// The name of the case.
+void PrintTo(Ending ending, std::ostream* stream) {
+  *stream << (ending == Ending::zombie ? "zombie" : ending == Ending::gone ? "gone" : "replaced");
+}
 
 std::size_t descriptorsOf(const std::string& process) {
   const std::filesystem::directory_iterator list("/proc/" + process + "/fd");
