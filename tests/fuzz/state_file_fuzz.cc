@@ -24,12 +24,20 @@ constexpr const char* kJournalName = "volorn.db-journal";
 constexpr double kDay = 86400.0;
 
 // In memory where there is such a folder, since every input is synced several times.
-fs::path makeFolder() {
-  std::string name = fs::is_directory("/dev/shm") ? "/dev/shm" : fs::temp_directory_path().string();
-  name += "/volorn-fuzz-XXXXXX";
-  require(mkdtemp(name.data()) != nullptr);
-  return name;
-}
+class Folder {
+ public:
+  Folder() {
+    std::string name = fs::is_directory("/dev/shm") ? "/dev/shm" : fs::temp_directory_path().string();
+    name += "/volorn-fuzz-XXXXXX";
+    require(mkdtemp(name.data()) != nullptr);
+    path = name;
+  }
+  ~Folder() { fs::remove_all(path); }
+  Folder(const Folder&) = delete;
+  Folder& operator=(const Folder&) = delete;
+
+  fs::path path;
+};
 
 std::string read(const fs::path& path) {
   std::ifstream file(path, std::ios::binary);
@@ -173,7 +181,8 @@ void tryFile(const fs::path& folder) {
 // A state file with some of its bytes changed, or the journal beside it.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using namespace volorn::linux_host;
-  static const fs::path folder = makeFolder();
+  static const Folder own;
+  const fs::path& folder = own.path;
   static const Sample whole = makeSample(folder, false);
   static const Sample cut_off = makeSample(folder, true);
   if (size == 0) return 0;

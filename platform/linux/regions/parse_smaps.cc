@@ -44,6 +44,7 @@ std::optional<Mapping> parseMapping(std::string_view line) {
 }
 
 bool takeField(std::string_view line, std::uint64_t page_size_bytes, Mapping& mapping) {
+  if (line[0] != 'P' && line[0] != 'S') return true;  // as most lines
   const bool is_private = line.starts_with("Private_Clean:") || line.starts_with("Private_Dirty:");
   const bool is_shared = line.starts_with("Shared_Clean:") || line.starts_with("Shared_Dirty:");
   if (!is_private && !is_shared && !line.starts_with("Swap:")) return true;
