@@ -3,6 +3,7 @@
 import fcntl
 import json
 import os
+import pathlib
 import pty
 import re
 import shutil
@@ -14,15 +15,13 @@ import tempfile
 import termios
 import unittest
 
-PROGRAM = os.path.abspath(os.path.join(sys.argv.pop(1), "volornctl"))
-APPLICATION_ID = 0x766F6C6E
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
+import state_tables
 
-TABLES = """
-CREATE TABLE preference (domain TEXT, key TEXT, kind TEXT, value ANY);
-CREATE TABLE job (name TEXT, window_start REAL, window_end REAL);
-CREATE TABLE metric_key (id INTEGER PRIMARY KEY, name TEXT);
-CREATE TABLE snapshot (id INTEGER PRIMARY KEY, taken_at REAL);
-CREATE TABLE metric (snapshot_id INTEGER, position INTEGER, key_id INTEGER, value INTEGER);
+PROGRAM = os.path.abspath(os.path.join(sys.argv.pop(1), "volornctl"))
+
+SNAPSHOT = """
 INSERT INTO snapshot VALUES (1, 0.0);
 INSERT INTO metric_key VALUES (1, 'com.zorvik.snapshot.thermalLevel');
 INSERT INTO metric VALUES (1, 1, 1, 3);
@@ -58,8 +57,8 @@ class VolornctlTest(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.folder = folder.name
         database = sqlite3.connect(os.path.join(self.folder, "volorn.db"))
-        database.executescript(
-            f"PRAGMA application_id = {APPLICATION_ID}; PRAGMA user_version = 1; {TABLES}")
+        state_tables.create(database)
+        database.executescript(SNAPSHOT)
         database.close()
 
     def test_help_and_version_are_results(self):

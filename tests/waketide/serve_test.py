@@ -1,5 +1,6 @@
 """waketide serve, with a script in the daemon's place. Arguments: the folder of the built programs."""
 import os
+import pathlib
 import shutil
 import signal
 import sqlite3
@@ -8,6 +9,10 @@ import sys
 import tempfile
 import time
 import unittest
+
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
+import state_tables
 
 BUILD = os.path.abspath(sys.argv.pop(1))
 REFERENCE_DATE = 978307200  # seconds since 1970
@@ -41,10 +46,8 @@ def write_row(directory, start_1970):
     start = start_1970 - REFERENCE_DATE
     database.execute("PRAGMA journal_mode = PERSIST")
     database.execute("BEGIN IMMEDIATE")
-    database.execute("PRAGMA application_id = 0x766F6C6E")
-    database.execute("PRAGMA user_version = 1")
-    database.execute("CREATE TABLE IF NOT EXISTS job (name TEXT PRIMARY KEY, window_start REAL NOT NULL,"
-                     " window_end REAL NOT NULL) STRICT, WITHOUT ROWID")
+    if database.execute("SELECT count(*) FROM sqlite_schema").fetchone() == (0,):
+        state_tables.create(database)
     database.execute("REPLACE INTO job VALUES (?, ?, ?)", (JOB, start, start + 7 * DAY))
     database.execute("COMMIT")
     database.close()
