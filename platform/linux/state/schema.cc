@@ -1,5 +1,9 @@
 #include "platform/linux/state/schema.h"
 
+#include <algorithm>
+#include <cstddef>
+#include <string_view>
+
 namespace volorn::linux_host {
 namespace {
 
@@ -9,8 +13,8 @@ constexpr const char* kMarkAsOurs = "PRAGMA application_id = 0x766F6C6E; PRAGMA 
 
 static_assert(kSchemaVersion == 1 && kApplicationId == 0x766F6C6E, "kMarkAsOurs names both");
 
-// Times are seconds since the reference date of Date. SQLite keeps this text, and kSelectTables finds it
-// again to the letter.
+// Times are seconds since the reference date of Date. SQLite keeps each of these texts, and
+// holdsOurTablesAlone finds them again to the letter.
 constexpr std::string_view kTables = R"sql(CREATE TABLE preference (
   domain TEXT NOT NULL,
   key TEXT NOT NULL,
@@ -49,14 +53,19 @@ CREATE TABLE upkeep (
   done_at REAL NOT NULL
 ) STRICT, WITHOUT ROWID)sql";
 
-constexpr std::string_view kSelectTables =
-    "SELECT group_concat(sql, char(59, 10, 10)) FROM (SELECT sql FROM sqlite_schema ORDER BY rowid)";
+constexpr std::string_view kBetweenTables = ";\n\n";
 
-// A trigger, a view or an expression of somebody else's would be run by our statements, and need not end.
-void checkTables(Database& database) {
-  Statement select = database.prepare(kSelectTables);
-  if (select.step() && select.text(0) == kTables) return;
-  throw SqliteError(SQLITE_CORRUPT, "its tables are not those that were made");
+// Not so when there is a trigger, a view or an expression of somebody else's, which our statements would run
+// and which need not end.
+bool holdsOurTablesAlone(Database& database) {
+  Statement select = database.prepare("SELECT sql FROM sqlite_schema WHERE sql NOT NULL");
+  std::string_view expected = kTables;
+  while (select.step()) {
+    const std::size_t end = std::min(expected.find(kBetweenTables), expected.size());
+    if (select.text(0) != expected.substr(0, end)) return false;
+    expected.remove_prefix(std::min(end + kBetweenTables.size(), expected.size()));
+  }
+  return expected.empty();
 }
 
 }  // namespace
@@ -65,8 +74,8 @@ Schema schemaOf(Database& database) {
   const std::int64_t application_id = database.integer("PRAGMA application_id");
   const std::int64_t version = database.integer("PRAGMA user_version");
   if (application_id == kApplicationId && version == kSchemaVersion) {
-    checkTables(database);
-    return Schema::kCurrent;
+    if (holdsOurTablesAlone(database)) return Schema::kCurrent;
+    throw SqliteError(SQLITE_CORRUPT, "its tables are not those that were made");
   }
   if (application_id == kApplicationId && version > kSchemaVersion) return Schema::kNewer;
   const bool untouched = application_id == 0 && version == 0;

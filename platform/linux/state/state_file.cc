@@ -63,8 +63,10 @@ void StateFile::open() {
     throw SqliteError(SQLITE_NOTADB, "file is not a database");
   }
   database_.emplace(directory_.stateFilePath(), Database::Access::kReadWrite, kBusyTimeoutMs);
-  // Looked at before anything is asked for that would change it.
+  // Looked at before anything is asked for that would change it, and locked once for all of it.
+  database_->execute("BEGIN");
   schema_ = schemaOf(*database_);
+  database_->execute("END");
   if (schema_ == Schema::kForeign) throw SqliteError(SQLITE_NOTADB, "it holds another program's data");
   if (schema_ == Schema::kNewer) {
     lose("it was written by a newer program, and is left as it is");
