@@ -52,14 +52,7 @@ def tryKill(start, files, owner, name, ordinal):
         before = host.readState()
         killed = killAt(test, name, ordinal)
         left = host.save()
-        # What everyone sees who opens the file, on a copy: the next start is to mend the original itself.
-        copy = host.LIB / "copy"
-        copy.mkdir(exist_ok=True)
-        for path in copy.iterdir():
-            path.unlink()
-        for file, content in left.items():
-            (copy / file).write_bytes(content)
-        kept = host.readState(copy / "volorn.db")
+        kept = host.readCopy(left)
         whole = test.isWholeRun(before, kept)
 
         log = test.runDaemon([REACHABLE], user=owner, group=owner, extra_groups=[] if owner else None)

@@ -17,6 +17,7 @@ import sqlite3
 import struct
 import subprocess
 import sys
+import tempfile
 import time
 import unittest
 
@@ -128,6 +129,14 @@ def readState(file=FILE):
                 "ORDER BY position", [number])
             state.snapshots.append((taken_at, {name.removeprefix(PREFIX): value for name, value in rows}))
     return state
+
+
+def readCopy(files):
+    """What everyone sees who opens these files, which stay as they are for the next start to mend."""
+    with tempfile.TemporaryDirectory(dir=LIB) as copy:
+        for name, content in files.items():
+            (pathlib.Path(copy) / name).write_bytes(content)
+        return readState(pathlib.Path(copy) / FILE.name)
 
 
 def editState(*statements):

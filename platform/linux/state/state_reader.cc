@@ -44,7 +44,8 @@ std::string locate(const std::string& directory) {
   switch (error.code()) {
     case SQLITE_READONLY:
       // A journal waits to be rolled back, which a reader may not do.
-      refuse(path, "a run was cut off; the next start of the daemon will mend it");
+      throw StateUnreadable(Reason::kCutOff,
+                            path + ": a run was cut off; the next start of the daemon will mend it");
     case SQLITE_BUSY:
       refuse(path, "a run is writing it and does not end; try again");
     default:

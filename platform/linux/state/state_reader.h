@@ -20,6 +20,7 @@ class StateUnreadable : public std::runtime_error {
  public:
   enum class Reason {
     kNothingYet,  // no run has kept anything: the file is missing or empty
+    kCutOff,      // a run was cut off, and whoever may write the file is to take back what it left
     kRefused,     // anything else; the text tells
   };
 
