@@ -125,6 +125,23 @@ class ChainTest(units.Test):
                 self.assertTimerAt(units.row)
                 self.assertTrue(EXPORT.read_text().endswith("# EOF\n"))
 
+    def testRunThatHangsInADevice(self):
+        """Its time-out ends it in the midst of its readings. Nothing of it is kept, and the chain goes on."""
+        host.age(2)
+        before = host.readState()
+        hung = pathlib.Path("/run/hung")
+        units.dropIn("volorn.service", "TimeoutStartSec=5s", *units.instead(
+            f"+strace -qq -o {hung} -P /proc/loadavg -e inject=openat:delay_enter=3600000000 /usr/sbin/volornd"))
+        run("systemctl", "start", "--no-block", "volorn.service")
+        self.assertTrue(waitFor(
+            lambda: run("systemctl", "show", "-PResult", "volorn.service").strip() == "timeout"))
+        self.assertIn("loadavg", hung.read_text())
+        self.assertTimerAt(lambda: units.nextMidnight(units.started()))
+        self.assertEqual(host.readState(), before)
+        units.reset(host.save())
+        run("systemctl", "start", "volorn.service")
+        host.Test.checkRun(self, before, host.readState())
+
     def testGuardMendsWhatIsDue(self):
         def moveAside():
             for name in ("volorn.db", "volorn.db-journal"):
