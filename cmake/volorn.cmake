@@ -50,23 +50,23 @@ function(volorn_program name)
   volorn_configure(${name})
 endfunction()
 
-# volorn_test(NAME [ALONE] SOURCES file... [LINKS target...]): a GoogleTest program whose cases CTest knows by name.
-# ALONE is for tests of the machine's own figures, which other tests would disturb.
+# volorn_test(NAME [ALONE] [LABELS label...] SOURCES file... [LINKS target...]): a GoogleTest program whose cases CTest
+# knows by name. ALONE is for tests of the machine's own figures, which other tests would disturb. The label one_try is
+# for what draws its cases or races at random: a fault that shows once must not be gone at a second try.
 function(volorn_test name)
-  cmake_parse_arguments(arg "ALONE" "" "SOURCES;LINKS" ${ARGN})
+  cmake_parse_arguments(arg "ALONE" "" "LABELS;SOURCES;LINKS" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE ${arg_LINKS} GTest::gtest_main)
   volorn_configure(${name})
-  if(arg_ALONE)
-    set(alone PROPERTIES RUN_SERIAL ON)
-  endif()
-  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 ${alone})
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES RUN_SERIAL ${arg_ALONE} LABELS "${arg_LABELS}")
 endfunction()
 
-# volorn_system_test(NAME SCRIPT): a test that starts the built programs; SCRIPT gets their folder.
+# volorn_system_test(NAME SCRIPT [LABELS label...]): a test that starts the built programs; SCRIPT gets their folder.
 function(volorn_system_test name script)
+  cmake_parse_arguments(arg "" "" "LABELS" ${ARGN})
   add_test(NAME ${name}
     COMMAND /usr/bin/python3 ${CMAKE_CURRENT_SOURCE_DIR}/${script} ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})
+  set_tests_properties(${name} PROPERTIES LABELS "${arg_LABELS}")
 endfunction()
 
 # volorn_bench(NAME SOURCES file... [LINKS target...]): a benchmark in the folder bench/ below the programs.
@@ -104,4 +104,5 @@ function(volorn_fuzz name)
   endif()
   add_test(NAME ${name}
     COMMAND ${name} -runs=${arg_RUNS} -seed=1 -max_len=256 -verbosity=0 ${inputs})
+  set_tests_properties(${name} PROPERTIES LABELS one_try)
 endfunction()

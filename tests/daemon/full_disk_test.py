@@ -1,6 +1,6 @@
 """volornd on a disk that others have filled to the last byte, day after day.
 
-VOLORN_FULL_DISK_DAYS says how many days; a year takes a minute.
+VOLORN_FULL_DISK_DAYS says how many days, on a disk of ext4 then and no other; a year takes a minute.
 """
 
 import contextlib
@@ -46,6 +46,9 @@ class FullDiskTest(host.Test):
         try:
             self.enterContext(host.mounted("-o", "loop", str(DISK), str(host.LIB)))
         except subprocess.CalledProcessError:  # no loop devices, or no right to them: memory is such a disk, too
+            if "VOLORN_FULL_DISK_DAYS" in os.environ:
+                raise
+            print("on tmpfs: an ext4 cannot be mounted", file=sys.stderr)
             self.enterContext(host.mounted("-t", "tmpfs", "-o", f"size={DISK_BYTES}", "disk", str(host.LIB)))
         EXPORT.parent.mkdir()
 
