@@ -102,9 +102,10 @@ bool Task::open() {
 bool Task::openLiveThread() {
   const FileDescriptor list(openat(folder_.get(), "task", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!list || listNumberedEntries(list.get(), reader_.thread_ids) != 0) return false;
+  reader_.open_folders.leave(thread_folder_);
+  reader_.open_folders.enter(thread_folder_);
   for (const std::int32_t id : reader_.thread_ids) {
     if (id == pid_) continue;
-    reader_.open_folders.enter(thread_folder_);
     thread_folder_ =
         FileDescriptor(openat(folder_.get(), ThreadFileName(id).get(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (thread_folder_) return true;
@@ -330,6 +331,15 @@ const ProcessRegion* Task::regionPast(std::uint64_t address, RegionWalk walk) {
   return found == regions_.end() ? nullptr : &*found;
 }
 
+// Where the executable's code lies. A first thread that has ended tells nothing of it.
+std::uint64_t Task::startCode(const ProcessStat& process) {
+  if (!first_thread_has_ended_) return process.start_code;
+  const int at = folder();
+  const bool is_read = at >= 0 && reader_.buffer.readRecord(at, "stat") == 0;
+  const auto stat = is_read ? parseProcessStat(reader_.buffer.text()) : std::nullopt;
+  return stat ? stat->start_code : process.start_code;
+}
+
 bool Task::readRegions(RegionWalk walk) {
   const ProcessStat* process = stat();
   const ProcessStatus* memory = status();
@@ -337,7 +347,7 @@ bool Task::readRegions(RegionWalk walk) {
   if (!process || !memory || !cpu_type) return false;
   const RegionOwner owner = {.pid = pid_,
                              .start_ticks = process->start_ticks,
-                             .start_code = process->start_code,
+                             .start_code = startCode(*process),
                              .cpu_type = *cpu_type,
                              .mapped_pages = memory->virtual_bytes / pageSizeBytes(),
                              .resident_pages = memory->resident_bytes / pageSizeBytes()};

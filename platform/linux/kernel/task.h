@@ -125,6 +125,7 @@ class Task {
   std::optional<std::int64_t> lastRanMs(std::size_t thread);
   std::optional<std::uint64_t> contextSwitchesOf(std::size_t thread);
   std::uint32_t readProcessorType(const ProcessStat& process);
+  std::uint64_t startCode(const ProcessStat& process);
   bool readRegions(RegionWalk walk);
   bool fail(int error);
   void close();

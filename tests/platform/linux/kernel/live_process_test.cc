@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "platform/linux/kernel/parse_elf.h"
+#include "platform/linux/kernel/parse_process_stat.h"
 #include "platform/linux/linux_kernel.h"
 
 namespace volorn::linux_host {
@@ -270,10 +271,13 @@ TEST_F(LiveProcessTest, AProcessOutlivesItsFirstThread) {
   EXPECT_EQ(basic.resident_size, report.resident_size);
   EXPECT_NE(id.task_uuid, BuildId{});
   EXPECT_GE(descriptors.size(), 4U);
+  // The executable is no shared library, which would be shown elsewhere.
+  const auto code = reinterpret_cast<std::uint64_t>(&parseProcessStat);
   RegionTopInfo region = {};
-  std::uint64_t address = 0;
+  std::uint64_t address = code;
   std::uint64_t size = 0;
   EXPECT_EQ(fresh.mach_vm_region(task, address, size, region), kKernelSuccess);
+  EXPECT_LE(address, code);
   kill(pid, SIGKILL);
   waitpid(pid, nullptr, 0);
 }
