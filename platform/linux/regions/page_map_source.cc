@@ -169,6 +169,10 @@ void PageMapSource::tally(std::span<const std::uint64_t> entries, Mapping& mappi
       if (is_anonymous || !(entry & kOfFile)) has_doubtful_pages_ = true;
     }
   }
+  // A private mapping of /dev/zero looks like one of a file. The huge zero page has as many entries as fit in
+  // a page.
+  const bool is_large_file = !mapping.is_shared && mapping.shared_pages >= page_size_bytes_ / sizeof(kOfFile);
+  if (is_large_file) has_doubtful_pages_ = true;
 }
 
 bool PageMapSource::takeOutZeroPages(int page_map, Mapping& mapping) {

@@ -10,7 +10,8 @@
 namespace volorn::linux_host {
 
 // Reads the mappings of a process by the mapping query, and counts their pages in /proc/PID/pagemap: eight
-// bytes for each page, there or not. Keeps its buffers.
+// bytes for each page, there or not. Keeps its buffers. An entry tells no swapped page from a mark that
+// userfaultfd has left for an absent one, so that memory with such marks alone is not shown as empty.
 class PageMapSource {
  public:
   enum class Result { read, not_offered, gone };

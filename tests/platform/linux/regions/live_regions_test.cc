@@ -93,6 +93,9 @@ constexpr struct {
     {"deleted file", "", "f8 w8", "8000 mode 2 of 1, 8+0\n"},
     {"a relative's file, half of it written", "f8 r8", "p8 r8 w4", "8000 mode 1 of 2, 4+4\n"},
     {"zero pages of a device", "", "z8 r8 w2", "8000 mode 2 of 1, 2+0\n"},
+    {"huge zero page of a device", "", "z512 H512 r512 N512", "200000 mode 2 of 1, 0+0\n"},
+    {"huge zero pages of a device, large", "", "z2048 N2048 w2 H2048 r1536@512 N2048",
+     "800000 mode 2 of 1, 2+0\n"},
     {"huge pages of hugetlb", "", "h512", "200000 mode 2 of 1, 0+0\n"},
 };
 
