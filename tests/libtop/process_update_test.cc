@@ -1,6 +1,8 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <string>
+#include <utility>
 
 #include "tests/failing_allocation.h"
 #include "tests/libtop/sampler_fixture.h"
@@ -205,45 +207,59 @@ TEST_F(ProcessUpdateTest, CommandNames) {
 
 // What becomes of a known process when one call about it fails.
 TEST_F(ProcessUpdateTest, CallsThatFail) {
+  using namespace std::string_literals;
   enum Outcome { kSkipped, kDropped, kKept };
   struct Case {
     const char* call;
     Outcome outcome;
-    std::function<std::uint64_t(const ProcessSample&)> kept_value;  // of a value that is not read anew
     std::string message;
+    // One that is not read anew, and the one before it.
+    std::function<std::pair<std::uint64_t, std::uint64_t>(const ProcessSample&)> values;
   };
   const std::string no_such = std::strerror(ESRCH);
   const Case kCases[] = {
-      {"pid_for_task", kSkipped, {}, ""},
-      {"sysctl 1.14.1", kSkipped, {}, "kinfo_for_pid(): Error in sysctl(): " + no_such},
-      {"sysctl 1.49", kDropped, {}, "libtop_p_proc_command(): Error in sysctl(): " + no_such},
-      {"sysctl sysctl.proc_cputype", kDropped, {}, ""},
-      {"task_info 18", kDropped, {}, ""},
-      {"task_threads", kKept, [](const auto& p) { return p.threads; }, ""},
-      {"mach_port_names", kKept, [](const auto& p) { return p.ports; }, ""},
-      {"task_info 2", kKept, [](const auto& p) { return p.faults.value; }, ""},
-      {"task_info 7", kKept, [](const auto& p) { return p.kernel_memory[0]; }, ""},
-      {"task_info 21", kKept, [](const auto& p) { return p.power[5]; }, ""},
-      {"task_info 23", kKept, [](const auto& p) { return p.footprint; }, ""},
+      {"pid_for_task", kSkipped, "", {}},
+      {"sysctl 1.14.1", kSkipped, "kinfo_for_pid(): Error in sysctl(): " + no_such, {}},
+      {"sysctl 1.49", kDropped, "libtop_p_proc_command(): Error in sysctl(): " + no_such, {}},
+      {"sysctl sysctl.proc_cputype", kDropped, "", {}},
+      {"task_info 18", kDropped, "", {}},
+      {"task_threads", kKept, "", [](const auto& p) { return std::pair(p.threads, p.threads_prev); }},
+      {"mach_port_names", kKept, "", [](const auto& p) { return std::pair(p.ports, p.ports_prev); }},
+      {"task_info 2", kKept, "",
+       [](const auto& p) { return std::pair(p.faults.value, p.faults.value_prev); }},
+      {"task_info 2", kKept, "", [](const auto& p) { return std::pair(p.events[1], p.events_prev[1]); }},
+      {"task_info 7", kKept, "",
+       [](const auto& p) { return std::pair(p.kernel_memory[0], p.kernel_memory_prev[0]); }},
+      {"task_info 21", kKept, "", [](const auto& p) { return std::pair(p.power[5], p.power_prev[5]); }},
+      {"task_info 23", kKept, "", [](const auto& p) { return std::pair(p.footprint, p.footprint_prev); }},
+      {"task_info 23", kKept, "",
+       [](const auto& p) { return std::pair(p.purgeable_resident, p.purgeable_resident_prev); }},
   };
   for (const Case& c : kCases) {
     kernel.failures.clear();
     messages.clear();
     ASSERT_EQ(start(), 0);
     task.setCommand("");  // so that the arguments are read too
-    task.threads.resize(2, thread(RunState::running));
-    setFigures(task, 1001);
-    sample();
+    for (const std::uint32_t figures : {1001U, 1502U}) {
+      task.threads.push_back(thread(RunState::running));
+      setFigures(task, figures);
+      sample();
+    }
     const ProcessSample before = process(kPid);
+    task.threads.push_back(thread(RunState::running));
     setFigures(task, 2003);
-    task.threads.resize(3, thread(RunState::running));
     fail(c.call, kPid, ESRCH);
     const SystemSample& tsamp = sample();
     EXPECT_EQ(messages, c.message.empty() ? std::vector<std::string>{} : std::vector{c.message});
     EXPECT_EQ(tsamp.state_counts[1] + tsamp.state_counts[7], c.outcome == kKept ? 1U : 0U) << c.call;
     EXPECT_EQ(walked(), c.outcome == kKept ? std::vector{kPid} : std::vector<std::int32_t>{}) << c.call;
     if (c.outcome != kKept) continue;
-    EXPECT_EQ(c.kept_value(process(kPid)), c.kept_value(before)) << c.call;
+    const auto [value, previous] = c.values(process(kPid));
+    const auto [value_before, previous_before] = c.values(before);
+    EXPECT_NE(value_before, previous_before) << c.call;
+    EXPECT_EQ(value, value_before) << c.call;
+    // Of the threads alone nothing is moved on before the call.
+    EXPECT_EQ(previous, c.call == "task_threads"s ? previous_before : value_before) << c.call;
     EXPECT_EQ(process(kPid).resident, 20030U) << c.call;
   }
   EXPECT_EQ(kernel.lentPorts(), 0U);

@@ -24,12 +24,14 @@ struct ProcessFixture {
   int user_ticks = 0;
   int system_ticks = 0;
   int start_ticks = 1000;
+  int start_code = 4194304;
+  int context_switches = 6;
 
   std::string stat(int pid) const {
     const auto number = [](int value) { return ' ' + std::to_string(value); };
     return std::to_string(pid) + " (" + name + ") " + state + " 1 2 0 0 -1 64 10 0 3 0" + number(user_ticks) +
-           number(system_ticks) + " 0 0 20 0" + number(threads) + " 0" + number(start_ticks) +
-           " 4096 1 99 4194304 2 3 0 0 0 0 0 0 0 0 0 17 0 0\n";
+           number(system_ticks) + " 0 0 20 0" + number(threads) + " 0" + number(start_ticks) + " 4096 1 99" +
+           number(start_code) + " 2 3 0 0 0 0 0 0 0 0 0 17 0 0\n";
   }
 };
 
@@ -50,7 +52,8 @@ class LinuxKernelTest : public ::testing::Test {
     tree_.write(folder + "stat", process.stat(pid));
     tree_.write(folder + "status", "Uid:\t7\t8\t9\t9\nVmSize:\t16 kB\nVmRSS:\t" +
                                        std::to_string(resident_kib) +
-                                       " kB\nRssAnon:\t4 kB\nVmPTE:\t1 kB\nvoluntary_ctxt_switches:\t6\n");
+                                       " kB\nRssAnon:\t4 kB\nVmPTE:\t1 kB\nvoluntary_ctxt_switches:\t" +
+                                       std::to_string(process.context_switches) + "\n");
     tree_.write(folder + "statm",
                 "4 " + std::to_string(resident_kib * 1024 / sysconf(_SC_PAGESIZE)) + " 0\n");
     tree_.write(folder + "comm", process.name + "\n");
@@ -198,6 +201,26 @@ TEST_F(LinuxKernelTest, ThreadsAndTheEndedOnesAddUpToTheProcess) {
   EXPECT_EQ(kernel_.mach_vm_deallocate(kernel_.mach_task_self(), threads), kKernelInvalidArgument);
 }
 
+TEST_F(LinuxKernelTest, AnOnlyThreadsScheduleIsReadAgainOnceItHasRun) {
+  const struct {
+    int context_switches;
+    const char* last_ran_ms;
+    std::int32_t sleep_seconds;
+  } kSteps[] = {{6, "2500.0", 3}, {6, "4500.0", 3}, {7, "4500.0", 1}};  // the machine's clock stands at 5500
+  for (const auto& [context_switches, last_ran_ms, sleep_seconds] : kSteps) {
+    writeProcess(42, {.context_switches = context_switches});
+    tree_.write("42/sched", schedule(last_ran_ms, context_switches));
+    const PortName port = portOf(42);
+    PortArray threads;
+    ThreadBasicInfo info = {};
+    ASSERT_EQ(kernel_.task_threads(port, threads), kKernelSuccess);
+    ASSERT_EQ(kernel_.thread_info(threads[0], info), kKernelSuccess);
+    EXPECT_EQ(info.sleep_time_seconds, sleep_seconds) << context_switches << ' ' << last_ran_ms;
+    kernel_.mach_vm_deallocate(kernel_.mach_task_self(), threads);
+    kernel_.mach_port_deallocate(kernel_.mach_task_self(), port);
+  }
+}
+
 TEST_F(LinuxKernelTest, TheArgumentsFollowTheExecutable) {
   writeProcess(42, {});
   std::filesystem::create_symlink("/usr/bin/run", tree_.at("42/exe"));
@@ -232,7 +255,10 @@ TEST_F(LinuxKernelTest, TheProcessorTypeIsReadAgainForAnotherProgramOnly) {
   EXPECT_EQ(typeOf42(), of_32_bits);
   writeProcess(42, {.start_ticks = 1001});
   EXPECT_NE(typeOf42(), of_32_bits);
-  EXPECT_EQ(typeOf42() & 0xFFFFFF, of_32_bits);  // the same but for its size
+  EXPECT_EQ(typeOf42() & 0xFFFFFF, of_32_bits);                 // the same but for its size
+  writeProcess(42, {.start_ticks = 1001, .start_code = 8192});  // the same process has executed another
+  tree_.write("42/auxv", "\0\0\0\x21\x21\0\0\0"s);
+  EXPECT_EQ(typeOf42(), of_32_bits);
   writeProcess(42, {.start_ticks = 1002});
   tree_.write("42/auxv", "");
   EXPECT_EQ(typeOf42(), 0U);
