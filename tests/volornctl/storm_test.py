@@ -1,7 +1,7 @@
 """Summary, memory report and `top` among processes of every size and name, while others are born and die.
 
 VOLORN_STORM_PERCENT says how large: 100 is 30,000 processes, 10,000 threads and 60,000 mappings, and takes minutes
-and some gigabytes. The processes are those of a pid namespace of the test's own, and end with it.
+and seven gigabytes. The processes are those of a pid namespace of the test's own, and end with it.
 """
 
 import contextlib
@@ -83,6 +83,12 @@ class Party:
             if not answer.read(1):
                 raise AssertionError(f"{behaviour.__name__} failed")
         return pid
+
+    def addCrowd(self, count):
+        """Small ones: an interpreter each would take more memory than many a machine has."""
+        crowd = [os.posix_spawn("/bin/sleep", ["crowd", "infinity"], {}) for _ in range(count)]
+        self.pids += crowd
+        return crowd
 
     def end(self):
         for pid in self.pids:
@@ -225,7 +231,7 @@ class StormTest(unittest.TestCase):
         sparse = self.party.add(reserve)
         divided = self.party.add(divide, mappings)
         threaded = self.party.add(divideThreads, threads)
-        crowd = [self.party.add(beCalled, b"crowd") for _ in range(PROCESSES)]
+        crowd = self.party.addCrowd(PROCESSES)
         sizes = {touched: TOUCHED, sparse: 8 * PAGE, divided: mappings * PAGE}
         stayed = {*named, *crowd, *sizes, threaded, os.getpid()}
         began = time.monotonic()
