@@ -31,8 +31,8 @@
 #include "bench/measure.h"
 #include "libtop/libtop.h"
 #include "platform/fake/fake_host.h"
+#include "platform/linux/devices/linux_device_registry.h"
 #include "platform/linux/file_descriptor.h"
-#include "platform/linux/linux_device_registry.h"
 #include "platform/linux/linux_kernel.h"
 
 namespace volorn {

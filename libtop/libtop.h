@@ -25,7 +25,8 @@ void libtop_fini();
 
 // Takes a sample. `walk_regions`: walk the memory regions of every process, which costs most, not just of new
 // ones. `shlib_totals`: also sum up the shared libraries. Returns 0 or -1; what a failed sample came to
-// before it failed stays. Ends the process with exit status 1 when there is no memory for the interface list.
+// before it failed stays. Throws nothing: memory that runs out loses what it was for, that of a record fails
+// the sample, and that of the interface list ends the process with exit status 1.
 int libtop_sample(bool walk_regions, bool shlib_totals);
 
 // The latest sample. Changed by the next libtop_sample.

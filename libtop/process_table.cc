@@ -200,31 +200,4 @@ void ProcessTable::rebalanceAfterErase(ProcessInfo* pinfo) {
   links(pinfo).colour = kBlack;
 }
 
-// Black records on every way down from here, or -1 when a rule is broken.
-int ProcessTable::blackHeight(const ProcessInfo* pinfo) const {
-  if (pinfo == &sentinel_) return 1;
-  const TreeLinks& own = pinfo->pid_links;
-  for (const ProcessInfo* child : {own.left, own.right}) {
-    if (child == &sentinel_) continue;
-    if (child->pid_links.parent != pinfo) return -1;
-    if (own.colour == kRed && child->pid_links.colour == kRed) return -1;
-  }
-  const int left = blackHeight(own.left);
-  const int right = blackHeight(own.right);
-  if (left < 0 || left != right) return -1;
-  return left + (own.colour == kBlack ? 1 : 0);
-}
-
-bool ProcessTable::isValid() const {
-  const TreeLinks& empty = sentinel_.pid_links;
-  if (empty.parent != &sentinel_ || empty.left != &sentinel_ || empty.right != &sentinel_) return false;
-  if (empty.colour != kBlack || root_->pid_links.colour != kBlack) return false;
-  if (root_->pid_links.parent != &sentinel_ || blackHeight(root_) < 0) return false;
-  for (ProcessInfo* pinfo = first(); pinfo; pinfo = next(pinfo)) {
-    const ProcessInfo* after = next(pinfo);
-    if (after && libtop_p_pinfo_pid_comp(pinfo, after) != -1) return false;
-  }
-  return true;
-}
-
 }  // namespace volorn

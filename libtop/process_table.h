@@ -36,9 +36,6 @@ class ProcessTable {
   ProcessInfo* first() const;
   ProcessInfo* next(ProcessInfo* pinfo) const;
 
-  // Whether order, colours, links and sentinel are as they must be.
-  bool isValid() const;
-
  private:
   ProcessInfo* leftmost(ProcessInfo* pinfo) const;
   ProcessInfo* orNull(ProcessInfo* pinfo) const { return pinfo == &sentinel_ ? nullptr : pinfo; }
@@ -46,7 +43,6 @@ class ProcessTable {
   void replace(ProcessInfo* pinfo, ProcessInfo* by);
   void rebalanceAfterInsert(ProcessInfo* pinfo);
   void rebalanceAfterErase(ProcessInfo* pinfo);
-  int blackHeight(const ProcessInfo* pinfo) const;
 
   ProcessInfo sentinel_ = {};
   ProcessInfo* root_ = &sentinel_;

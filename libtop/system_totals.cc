@@ -63,6 +63,27 @@ void addStatistics(const PropertyTable& statistics) {
   add(tsamp.disk_write_bytes, kWriteBytesKey);
 }
 
+// Memory that runs out in the registry is its failure.
+std::unique_ptr<ServiceIterator> findDisks(DeviceRegistry& registry) try {
+  return registry.findServices(kBlockStorageServiceClass);
+} catch (const std::bad_alloc&) {
+  return nullptr;
+}
+
+// False, the sums partial, at a disk whose properties cannot be had; it is not released.
+bool addDisks(DeviceRegistry& registry, ServiceIterator& services) try {
+  while (const ServiceHandle service = services.next()) {
+    std::optional<PropertyTable> properties;
+    if (!registry.copyProperties(service, properties)) return false;
+    const PropertyTable* statistics = properties ? properties->table(kStatisticsProperty) : nullptr;
+    if (statistics) addStatistics(*statistics);
+    registry.releaseService(service);
+  }
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
 }  // namespace
 
 void sumNetworkInterfaces() {
@@ -88,22 +109,15 @@ void sumDisks() {
   SystemSample& tsamp = sampler.tsamp;
   const Totals totals = {&tsamp.disk_read_ops, &tsamp.disk_write_ops, &tsamp.disk_read_bytes,
                          &tsamp.disk_write_bytes};
-  const auto services = registry.findServices(kBlockStorageServiceClass);
+  const std::unique_ptr<ServiceIterator> services = findDisks(registry);
   if (!services) {
     sampler.print(sampler.print_arg, "Error in DeviceRegistryFindServices()");
     return;
   }
   beginSum(totals);
-  while (const ServiceHandle service = services->next()) {
-    std::optional<PropertyTable> properties;
-    if (!registry.copyProperties(service, properties)) {
-      // The sums stay partial, and the service is not released.
-      sampler.print(sampler.print_arg, "Error in DeviceRegistryCopyProperties()");
-      return;
-    }
-    const PropertyTable* statistics = properties ? properties->table(kStatisticsProperty) : nullptr;
-    if (statistics) addStatistics(*statistics);
-    registry.releaseService(service);
+  if (!addDisks(registry, *services)) {
+    sampler.print(sampler.print_arg, "Error in DeviceRegistryCopyProperties()");
+    return;
   }
   services->reset();
   endSum(totals);

@@ -13,6 +13,8 @@ namespace volorn {
 struct JobDescription {
   double window_start_time = 0.0;
   double window_end_time = 0.0;
+
+  friend bool operator==(const JobDescription&, const JobDescription&) = default;
 };
 
 // What the agent tells of a job. Only the low 32 bits of the status count, as a signed number.

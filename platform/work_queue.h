@@ -1,7 +1,6 @@
 #pragma once
 
 #include <memory>
-#include <string>
 #include <string_view>
 
 namespace volorn {
@@ -9,15 +8,10 @@ namespace volorn {
 // A queue on which work is run one piece after the other. This system names queues and puts nothing on them.
 class WorkQueue {
  public:
-  explicit WorkQueue(std::string_view label) : label_(label) {}
+  WorkQueue() = default;
   virtual ~WorkQueue() = default;
   WorkQueue(const WorkQueue&) = delete;
   WorkQueue& operator=(const WorkQueue&) = delete;
-
-  const std::string& label() const { return label_; }
-
- private:
-  std::string label_;
 };
 
 class WorkQueues {

@@ -1,12 +1,19 @@
 # Sourced by the other scripts: the Debian packages that each step needs, in one place.
 
-packages_to_build=(g++ cmake ninja-build libsqlite3-dev libcli11-dev nlohmann-json3-dev libbenchmark-dev libsystemd-dev)
-packages_to_test=("${packages_to_build[@]}" clang libclang-rt-14-dev clang-format clang-tidy libgtest-dev
-  binutils procps python3 strace faketime sqlite3
+packages_to_build=(g++ cmake ninja-build libsqlite3-dev libcli11-dev nlohmann-json3-dev libsystemd-dev
+  libncurses-dev)
+packages_to_test=("${packages_to_build[@]}" libbenchmark-dev clang libclang-rt-14-dev clang-format clang-tidy black libgtest-dev
+  binutils procps python3 tmux ncurses-term zsh fish strace faketime sqlite3
   prometheus prometheus-node-exporter python3-prometheus-client mandoc groff-base
-  systemd dbus dpkg-dev file e2fsprogs mount cppcheck valgrind)
+  systemd udev dbus chromium fonts-dejavu-core dpkg-dev file e2fsprogs mount cppcheck valgrind)
 packages_to_package=("${packages_to_build[@]}" dpkg-dev file lintian)
-packages_to_bench=("${packages_to_build[@]}" pkg-config libproc2-dev libgtop2-dev procps python3 smem)
+packages_to_bench=("${packages_to_build[@]}" libbenchmark-dev pkg-config libproc2-dev libgtop2-dev procps python3 smem htop tmux)
+# For another processor: libraries, fetched by an apt of its own, and its compiler, which is a program of this machine.
+packages_to_cross=(libsqlite3-dev libcli11-dev nlohmann-json3-dev libsystemd-dev libsystemd0
+  libncurses-dev libncursesw6 libtinfo6)
+packages_for_arm64=(g++-aarch64-linux-gnu)
+packages_for_armhf=(g++-arm-linux-gnueabihf)
+packages_for_i386=(g++-i686-linux-gnu)
 
 say() { printf '\n== %s\n' "$*"; }
 
@@ -38,3 +45,4 @@ build() {
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" "${targets[@]}" -- --quiet
 }
+

@@ -5,9 +5,10 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/rounded.h"
 #include "platform/services.h"
+#include "platform/snapshot_keys.h"
 #include "snapshot/saturate.h"
-#include "snapshot/snapshot_keys.h"
 
 namespace volorn {
 namespace {
@@ -43,8 +44,8 @@ void writeBatteryUsageTimes() {
   battery_usage.BatteryUsageTimes(battery_usage.ShellServerPort(), usage_seconds, standby_seconds,
                                   fully_charged_once, ignored);
   // The products are formed in single precision: 0.29F times 100 is 29 there, and 28.99… as doubles.
-  write(snapshot_key::kUsage, toInt32Trunc(usage_seconds * 100.0F));
-  write(snapshot_key::kStandby, toInt32Trunc(standby_seconds * 100.0F));
+  write(snapshot_key::kUsage, toInt32Trunc(rounded(usage_seconds * 100.0F)));
+  write(snapshot_key::kStandby, toInt32Trunc(rounded(standby_seconds * 100.0F)));
   write(snapshot_key::kFullyChargedOnce, fully_charged_once);
 }
 
@@ -79,7 +80,7 @@ void writeBacklightLevel(voLornLog& log) {
   // Unsigned differences wrap where signed ones would be undefined.
   const auto difference = [](std::int64_t a, std::int64_t b) {
     const auto wrapped = static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b);
-    return static_cast<double>(static_cast<std::int64_t>(wrapped));
+    return rounded(static_cast<double>(static_cast<std::int64_t>(wrapped)));
   };
   const std::int64_t min = entry.integer("min");
   const double above_min = difference(entry.integer("value"), min);

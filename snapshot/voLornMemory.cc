@@ -75,7 +75,8 @@ class Walk {
     sink_.addProcess({.pid = pid,
                       .name = name.data(),
                       .uuid = extmod.task_uuid,
-                      .rpages = residentPages(basic.resident_size)});
+                      .rpages = residentPages(basic.resident_size),
+                      .resident_bytes = basic.resident_size});
   }
 
   void fail(std::int32_t pid, std::string_view name, MemoryStep step) {

@@ -13,6 +13,7 @@ struct ProcessMemory {
   std::string_view name;
   std::array<std::uint8_t, 16> uuid;  // of the executable image; zeros when it has none
   std::int32_t rpages;                // pages of 4096 bytes; below 0 or too few from 2 GiB on
+  std::uint64_t resident_bytes;
 };
 
 // What is asked about a process, in this order.

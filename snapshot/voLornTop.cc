@@ -8,6 +8,7 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/rounded.h"
 #include "platform/services.h"
 #include "snapshot/saturate.h"
 
@@ -109,7 +110,9 @@ void addProcessorShares(ActivitySummary& summary, const SystemSample& sample) {
   const std::uint64_t total = std::uint64_t{user} + system + idle;
   // In single precision, so that the three need not add up to 100.
   const auto percent = [total](std::uint32_t ticks) -> double {
-    return total == 0 ? 0.0F : static_cast<float>(ticks) * 100.0F / static_cast<float>(total);
+    if (total == 0) return 0.0F;
+    const float product = rounded(rounded(static_cast<float>(ticks)) * 100.0F);
+    return rounded(product / rounded(static_cast<float>(total)));
   };
   summary.insert("CPU/%User", percent(user));
   summary.insert("CPU/%System", percent(system));
@@ -139,7 +142,7 @@ void addMemory(ActivitySummary& summary, const SystemSample& sample) {
 
 // The fall of a counter is a huge rise.
 double rateOf(std::uint64_t now, std::uint64_t before, double divisor_seconds) {
-  return static_cast<double>(now - before) / divisor_seconds;
+  return rounded(static_cast<double>(now - before)) / divisor_seconds;
 }
 
 void addRates(ActivitySummary& summary, const SystemSample& sample, double divisor_seconds) {
@@ -168,7 +171,7 @@ double processorPercent(const SystemSample& sample, const ProcessSample& psamp) 
   if (psamp.seq_prev == 0) return 0.0;
   const std::uint64_t used = microsecondsBetween(psamp.total_time_prev, psamp.total_time);
   const std::uint64_t passed = microsecondsBetween(sample.time_prev, sample.time);
-  return static_cast<double>(used) * 100.0 / static_cast<double>(passed);
+  return rounded(static_cast<double>(used)) * 100.0 / rounded(static_cast<double>(passed));
 }
 
 std::int32_t eventRate(const ProcessSample& psamp, TaskEvent event, double divisor_seconds) {

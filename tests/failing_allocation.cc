@@ -2,17 +2,20 @@
 
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace {
 
 std::size_t failing_min_bytes = 1;
 std::size_t failing_max_bytes = 0;
+thread_local std::size_t allocations_to_failure = 0;  // 0: none fails
 
 void* allocate(std::size_t bytes) noexcept {
   if (bytes >= failing_min_bytes && bytes <= failing_max_bytes) {
     failing_max_bytes = 0;
     return nullptr;
   }
+  if (allocations_to_failure != 0 && --allocations_to_failure == 0) return nullptr;
   return std::malloc(bytes == 0 ? 1 : bytes);
 }
 
@@ -29,6 +32,14 @@ namespace volorn {
 void failNextAllocation(std::size_t min_bytes, std::size_t max_bytes) {
   failing_min_bytes = min_bytes;
   failing_max_bytes = max_bytes;
+}
+
+void failAllocationAfter(std::size_t passed) {
+  allocations_to_failure = passed + 1;
+}
+
+bool allocationHasFailed() {
+  return std::exchange(allocations_to_failure, 0) == 0;
 }
 
 }  // namespace volorn

@@ -19,6 +19,9 @@ class Command {
   // Does it, with the options parsed. Results go to the output and nowhere else; a failure is an exception
   // whose text is for people, StateUnreadable with kNothingYet where there is no data yet.
   virtual void run(const Surroundings& surroundings) = 0;
+
+  // What the program ends with after a run that did not throw.
+  virtual int exitStatus() const { return 0; }
 };
 
 }  // namespace volorn::ctl

@@ -1,11 +1,14 @@
 #pragma once
 
 #include <charconv>
+#include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
 #include <optional>
 #include <string>
 #include <system_error>
+#include <type_traits>
 
 namespace volorn::ctl {
 
@@ -13,10 +16,20 @@ namespace volorn::ctl {
 // largest.
 template <typename Number>
 std::optional<Number> numberOf(const std::string& text) {
-  Number number = {};
-  const char* end = text.data() + text.size();
-  const auto [read_to, failure] = std::from_chars(text.data(), end, number);
-  return read_to == end && failure == std::errc() ? std::optional(number) : std::nullopt;
+  if constexpr (std::is_floating_point_v<Number>) {
+    // Not by std::from_chars: some C++ libraries that devices have know it for whole numbers alone.
+    if (text.find_first_not_of("0123456789.eE+-") != std::string::npos || text.starts_with('+'))
+      return std::nullopt;
+    char* read_to = nullptr;
+    const double number = std::strtod(text.c_str(), &read_to);
+    return !text.empty() && *read_to == '\0' && std::isfinite(number) ? std::optional<Number>(number)
+                                                                      : std::nullopt;
+  } else {
+    Number number = {};
+    const char* end = text.data() + text.size();
+    const auto [read_to, failure] = std::from_chars(text.data(), end, number);
+    return read_to == end && failure == std::errc() ? std::optional(number) : std::nullopt;
+  }
 }
 
 // What the command line is told of an option that counts; empty when it is right.

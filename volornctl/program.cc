@@ -1,20 +1,24 @@
 #include "volornctl/program.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <memory>
 #include <system_error>
 #include <utility>
 #include <vector>
 
 #include "platform/linux/state/state_reader.h"
+#include "volornctl/choices.h"
 #include "volornctl/command.h"
-#include "volornctl/history.h"
-#include "volornctl/memory.h"
-#include "volornctl/metrics.h"
-#include "volornctl/status.h"
-#include "volornctl/summary.h"
-#include "volornctl/table.h"
-#include "volornctl/top.h"
+#include "volornctl/completion.h"
+#include "volornctl/kept/history.h"
+#include "volornctl/kept/metrics.h"
+#include "volornctl/kept/report.h"
+#include "volornctl/kept/status.h"
+#include "volornctl/live/memory.h"
+#include "volornctl/live/summary.h"
+#include "volornctl/live/top.h"
+#include "volornctl/text/table.h"
 
 namespace volorn::ctl {
 namespace {
@@ -26,9 +30,11 @@ std::vector<std::unique_ptr<Command>> makeCommands() {
   commands.push_back(std::make_unique<StatusCommand>());
   commands.push_back(std::make_unique<MetricsCommand>());
   commands.push_back(std::make_unique<HistoryCommand>());
+  commands.push_back(std::make_unique<ReportCommand>());
   commands.push_back(std::make_unique<SummaryCommand>());
   commands.push_back(std::make_unique<TopCommand>());
   commands.push_back(std::make_unique<MemoryCommand>());
+  commands.push_back(std::make_unique<CompletionCommand>());
   return commands;
 }
 
@@ -51,10 +57,11 @@ void refuseEmptyValues(int argc, const char* const* argv) {
   }
 }
 
-// Parses and runs. Help and version are results and not errors.
-void run(int argc, const char* const* argv, Surroundings& surroundings) {
+// Parses and runs, and returns what the program ends with. Help and version are results and not errors.
+int run(int argc, const char* const* argv, Surroundings& surroundings) {
   CLI::App program("Shows what volornd keeps, and what the machine does now.", "volornctl");
   program.set_version_flag("--version", "volornctl " VOLORN_VERSION);
+  program.formatter(makeHelpFormatter());
   program.require_subcommand(0, 1);
   program.fallthrough();  // --state-dir may stand after the command too
   program.add_option("--state-dir", surroundings.state_directory, "Read the state file in this folder")
@@ -69,24 +76,36 @@ void run(int argc, const char* const* argv, Surroundings& surroundings) {
     program.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
     surroundings.output.write(program.help());
-    return;
+    return kDone;
   } catch (const CLI::CallForVersion& version) {
     surroundings.output.write(std::string(version.what()) + "\n");
-    return;
+    return kDone;
+  } catch (const CLI::ExtrasError&) {
+    std::vector<const CLI::App*> parsers = {&program};
+    for (const CLI::App* command : program.get_subcommands()) parsers.push_back(command);
+    const std::vector<std::string> extras = program.remaining(true);
+    const auto* word = std::find_first_of(argv + 1, argv + argc, extras.begin(), extras.end());
+    throw CLI::ValidationError(unexpectedWord(word == argv + argc ? extras.front() : *word, parsers));
+  }
+  if (argc <= 1) {
+    surroundings.output.write(program.help());
+    return kDone;
   }
   // Asked here, and not by the parser, which would say so of a misspelt command too.
   if (program.get_subcommands().empty()) throw CLI::RequiredError("A command");
   for (const auto& [parser, command] : commands) {
-    if (parser->parsed()) command->run(surroundings);
+    if (!parser->parsed()) continue;
+    command->run(surroundings);
+    return command->exitStatus();
   }
+  return kDone;
 }
 
 }  // namespace
 
-ExitStatus runProgram(int argc, const char* const* argv, Surroundings surroundings) {
+int runProgram(int argc, const char* const* argv, Surroundings surroundings) {
   try {
-    run(argc, argv, surroundings);
-    return kDone;
+    return run(argc, argv, surroundings);
   } catch (const OutputClosed&) {
     return kDone;
   } catch (const CLI::ParseError& error) {

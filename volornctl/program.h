@@ -12,7 +12,7 @@ enum ExitStatus : int {
 };
 
 // The whole program but for what it asks of its process. Results go to the output, all else to the errors; a
-// closed output is no failure.
-ExitStatus runProgram(int argc, const char* const* argv, Surroundings surroundings);
+// closed output is no failure. Returns an ExitStatus, or what a check ends with.
+int runProgram(int argc, const char* const* argv, Surroundings surroundings);
 
 }  // namespace volorn::ctl

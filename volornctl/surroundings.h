@@ -4,7 +4,7 @@
 
 #include "platform/date.h"
 #include "volornctl/output.h"
-#include "volornctl/time_text.h"
+#include "volornctl/text/time_text.h"
 
 namespace volorn::ctl {
 

@@ -108,7 +108,7 @@ void Arming::run() {
     const bool stands = makeTimerStandAt(elapse);
     // A run may have ended since that finds us still running, and is seen by nobody after us.
     const View now = look();
-    const bool unchanged = same(now.job.row, view.job.row) && now.run == view.run;
+    const bool unchanged = now.job.row == view.job.row && now.run == view.run;
     if (stands && unchanged) {
       tell("the daemon starts next at " + utcText(elapse) + (view.job.row ? "" : ": " + view.job.trouble));
       return;

@@ -9,7 +9,7 @@
 namespace volorn::waketide {
 namespace {
 
-// As bits: text would not keep a number that is none.
+// As bits, which decimal digits would round.
 std::uint64_t bitsOf(double number) {
   return std::bit_cast<std::uint64_t>(number);
 }

@@ -41,7 +41,8 @@ bool ChildProcess::endsWithin(std::chrono::milliseconds patience) {
     const std::chrono::nanoseconds left = deadline - Clock::now();
     if (left.count() <= 0) return false;
     const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
-    const timespec timeout = {.tv_sec = seconds.count(), .tv_nsec = (left - seconds).count()};
+    const timespec timeout = {.tv_sec = seconds.count(),
+                              .tv_nsec = static_cast<long>((left - seconds).count())};
     sigtimedwait(&child, nullptr, &timeout);
   }
   return true;

@@ -1,18 +1,24 @@
+#include <limits.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <array>
+#include <cerrno>
 #include <chrono>
 #include <exception>
-#include <filesystem>
 #include <stdexcept>
 #include <string>
+#include <string_view>
+#include <system_error>
 
 #include "platform/linux/state/state_directory.h"
 #ifdef VOLORN_WAKETIDE_ARM
 #include "waketide/arm.h"
 #endif
 #include "waketide/mend.h"
+#include "waketide/note.h"
 #include "waketide/serve.h"
+#include "waketide/supply_watch.h"
 #include "waketide/tell.h"
 
 namespace volorn::waketide {
@@ -27,7 +33,18 @@ struct Arguments {
   std::string state_directory;
   std::string daemon_path;
   int run_limit_seconds = kRunLimitSeconds;
+  Note note;
+  bool settles = false;
 };
+
+// Ends in a slash. Not by std::filesystem: the C++ library of 32-bit systems knows no times from 2038 on.
+std::string ownFolder() {
+  std::array<char, PATH_MAX> path = {};
+  const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
+  if (length < 0) throw std::system_error(errno, std::generic_category(), "/proc/self/exe");
+  const std::string_view text(path.data(), static_cast<std::size_t>(length));
+  return std::string(text.substr(0, text.rfind('/') + 1));
+}
 
 std::string stateDirectoryOf(const Arguments& given) {
   std::string directory = given.state_directory;
@@ -40,7 +57,7 @@ ServeOptions serveOptionsOf(const Arguments& given) {
   ServeOptions options{stateDirectoryOf(given), given.daemon_path,
                        std::chrono::seconds(given.run_limit_seconds)};
   if (options.daemon_path.empty()) {
-    options.daemon_path = std::filesystem::read_symlink("/proc/self/exe").replace_filename("volornd");
+    options.daemon_path = ownFolder() + "volornd";
   }
   return options;
 }
@@ -68,6 +85,18 @@ void addMend(CLI::App& app, Arguments& given) {
   command->final_callback([&given] { mend(stateDirectoryOf(given)); });
 }
 
+void addNote(CLI::App& app, Arguments& given) {
+  CLI::App* command = app.add_subcommand("note", "Take a mark in the books of usage on battery");
+  addStateDirectory(*command, given);
+  command->add_flag("--last", given.note.is_last, "Nobody watches after it: the machine is shut down");
+  command->add_flag("--settle", given.settles, "Take more until the plug has not changed for ten seconds")
+      ->excludes("--last");
+  command->final_callback([&given] {
+    const std::string directory = stateDirectoryOf(given);
+    given.settles ? settle(directory) : note(directory, given.note);
+  });
+}
+
 #ifdef VOLORN_WAKETIDE_ARM
 // Gone after a boot, like the timer and what systemd knows of past runs.
 constexpr const char* kRuntimeDirectory = "/run/waketide";
@@ -86,6 +115,7 @@ int run(int argc, char** argv) {
   app.require_subcommand(1);
   addServe(app, given);
   addMend(app, given);
+  addNote(app, given);
 #ifdef VOLORN_WAKETIDE_ARM
   addArm(app, given);
 #endif

@@ -1,9 +1,6 @@
 #include "waketide/schedule.h"
 
-#include <array>
-#include <bit>
 #include <cmath>
-#include <cstdint>
 
 namespace volorn::waketide {
 namespace {
@@ -24,15 +21,7 @@ bool isTooFarAhead(Date plan, Date now) {
 bool isDue(const Row& row, Date now) {
   if (!row) return true;
   const Date start = Date::fromSecondsSinceReferenceDate(row->window_start_time);
-  // So that a start which is no number is due, too.
-  return !(start.secondsSince(now) > 0.0) || isTooFarAhead(start, now);
-}
-
-// Otherwise a row of numbers that are none would be served without end.
-bool same(const Row& left, const Row& right) {
-  using Bits = std::array<std::uint64_t, 2>;
-  if (!left || !right) return !left && !right;
-  return std::bit_cast<Bits>(*left) == std::bit_cast<Bits>(*right);
+  return start.secondsSince(now) <= 0.0 || isTooFarAhead(start, now);
 }
 
 Date nextUtcMidnight(Date date) {
@@ -46,7 +35,7 @@ std::optional<Date> Schedule::nextStart(const Row& row, Date now) {
   Date next = now;
   if (!isDue(row, now)) {
     next = Date::fromSecondsSinceReferenceDate(row->window_start_time);
-  } else if (served_ && same(served_->row, row)) {
+  } else if (served_ && served_->row == row) {
     next = nextUtcMidnight(served_->started);
   }
   if (next.secondsSince(now) <= 0.0) return std::nullopt;

@@ -17,9 +17,6 @@ bool isTooFarAhead(Date plan, Date now);
 // sets things right.
 bool isDue(const Row& row, Date now);
 
-// By the bits: a row of numbers that are none equals itself.
-bool same(const Row& left, const Row& right);
-
 // The first UTC midnight after `date`.
 Date nextUtcMidnight(Date date);
 

@@ -24,6 +24,7 @@
 #include "waketide/schedule.h"
 #include "waketide/signals.h"
 #include "waketide/state_watch.h"
+#include "waketide/supply_watch.h"
 #include "waketide/tell.h"
 
 namespace volorn::waketide {
@@ -106,6 +107,9 @@ class Server {
   void tellEnd(int status) const;
   void killOverdue();
   void stop();
+  void stopChild();
+  void startNote();
+  void stopWatchingSupplies();
   void refreshWatch();
   int pollTimeoutMs() const;
   bool deadlinePassed() const { return deadline_ && SteadyClock::now() >= *deadline_; }
@@ -118,7 +122,10 @@ class Server {
   bool unwatchable_ = false;
   Schedule schedule_;
   ChildProcess child_;
-  std::string name_;  // of the child
+  SupplyWatch supplies_;
+  ChildProcess note_;             // one mark after the other
+  std::optional<Note> due_note_;  // after that which is under way
+  std::string name_;              // of the child
   std::chrono::seconds limit_ = {};
   std::optional<std::string> mending_for_;  // why the daemon is started after the child, which mends
   std::optional<Date> started_;             // by the start of which the schedule does not know yet
@@ -128,15 +135,23 @@ class Server {
 };
 
 void Server::run() {
+  due_note_ = supplies_.take();
+  startNote();
   look();
   for (;;) {
     // Left out of the set, the watch may fill up without waking us.
     const bool watching = !child_.runs() && !settling_;
-    pollfd waited[] = {
-        {signals_.fd(), POLLIN, 0}, {timer_.fd(), POLLIN, 0}, {watching ? watch_.fd() : -1, POLLIN, 0}};
+    pollfd waited[] = {{signals_.fd(), POLLIN, 0},
+                       {timer_.fd(), POLLIN, 0},
+                       {watching ? watch_.fd() : -1, POLLIN, 0},
+                       {supplies_.fd(), POLLIN, 0}};
     if (poll(waited, std::size(waited), pollTimeoutMs()) < 0 && errno != EINTR) fail("poll");
 
     if (signals_.takeStop()) return stop();
+    if (const auto due = supplies_.take()) {
+      due_note_ = Note{.some_lost = due->some_lost || (due_note_ && due_note_->some_lost)};
+    }
+    startNote();
     const bool rang = waited[1].revents != 0;
     if (rang) timer_.silence();
 
@@ -209,9 +224,7 @@ void Server::handleEnd(int status) {
 
 void Server::tellEnd(int status) const {
   if (WIFSIGNALED(status)) {
-    const int number = WTERMSIG(status);
-    const char* name = sigabbrev_np(number);
-    tell(name_ + " was ended by " + (name ? std::string("SIG") + name : "signal " + std::to_string(number)));
+    tell(name_ + " was ended by " + signalName(WTERMSIG(status)));
   } else if (WEXITSTATUS(status) != 0) {
     tell(name_ + " ended with status " + std::to_string(WEXITSTATUS(status)));
   }
@@ -223,7 +236,36 @@ void Server::killOverdue() {
   deadline_.reset();  // one that hangs in the kernel is waited for
 }
 
+// Beside the daemon's own process: who waits for its end would see the plug too late.
+void Server::startNote() {
+  note_.takeEnd();
+  if (!due_note_ || note_.runs()) return;
+  const auto work = [this] {
+    try {
+      note(options_.state_directory, *due_note_);
+      return EXIT_SUCCESS;
+    } catch (const std::exception& error) {
+      tell(error.what());
+      return EXIT_FAILURE;
+    }
+  };
+  if (note_.start(work, signals_)) due_note_.reset();
+}
+
+void Server::stopWatchingSupplies() {
+  if (!supplies_.hasBattery()) return;
+  if (note_.runs() && !note_.endsWithin(kTermPatience)) return;
+  due_note_ = Note{.is_last = true, .some_lost = due_note_ && due_note_->some_lost};
+  startNote();
+  note_.endsWithin(kTermPatience);
+}
+
 void Server::stop() {
+  stopChild();
+  stopWatchingSupplies();
+}
+
+void Server::stopChild() {
   if (!child_.runs()) return;
   child_.send(SIGTERM);
   if (child_.endsWithin(kTermPatience)) return;

@@ -3,7 +3,9 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <system_error>
 
 namespace volorn::waketide {
@@ -21,7 +23,27 @@ sigset_t stopSignals() {
   return set;
 }
 
+struct SignalName {
+  int number;
+  const char* name;
+};
+
+// Those that end a process.
+constexpr SignalName kSignalNames[] = {
+    {SIGABRT, "SIGABRT"}, {SIGALRM, "SIGALRM"}, {SIGBUS, "SIGBUS"},   {SIGFPE, "SIGFPE"},
+    {SIGHUP, "SIGHUP"},   {SIGILL, "SIGILL"},   {SIGINT, "SIGINT"},   {SIGKILL, "SIGKILL"},
+    {SIGPIPE, "SIGPIPE"}, {SIGPOLL, "SIGPOLL"}, {SIGPROF, "SIGPROF"}, {SIGPWR, "SIGPWR"},
+    {SIGQUIT, "SIGQUIT"}, {SIGSEGV, "SIGSEGV"}, {SIGSYS, "SIGSYS"},   {SIGTERM, "SIGTERM"},
+    {SIGTRAP, "SIGTRAP"}, {SIGUSR1, "SIGUSR1"}, {SIGUSR2, "SIGUSR2"}, {SIGVTALRM, "SIGVTALRM"},
+    {SIGXCPU, "SIGXCPU"}, {SIGXFSZ, "SIGXFSZ"},
+};
+
 }  // namespace
+
+std::string signalName(int number) {
+  const auto* const row = std::ranges::find(kSignalNames, number, &SignalName::number);
+  return row == std::end(kSignalNames) ? "signal " + std::to_string(number) : row->name;
+}
 
 Signals::Signals() {
   sigset_t set = stopSignals();

@@ -2,9 +2,14 @@
 
 #include <signal.h>
 
+#include <string>
+
 #include "platform/linux/file_descriptor.h"
 
 namespace volorn::waketide {
+
+// "SIGSEGV", and "signal 40" for one without a name. The C library's own table is glibc's alone.
+std::string signalName(int number);
 
 // Takes SIGTERM, SIGINT and SIGCHLD over: they are blocked and read from a descriptor. Throws
 // std::system_error.

@@ -1,12 +1,12 @@
 #include "waketide/state_watch.h"
 
 #include <sys/inotify.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <string_view>
-#include <system_error>
 
 #include "platform/linux/state/schema.h"
 
@@ -41,8 +41,10 @@ int StateWatch::refresh() {
     }
     name_ = name;
     // The folder below may have come before its parent was watched.
-    std::error_code ignored;
-    if (folder == directory_ || !fs::is_directory(folder / name, ignored)) return 0;
+    struct stat status = {};
+    if (folder == directory_ || stat((folder / name).c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+      return 0;
+    }
   }
   return EAGAIN;
 }

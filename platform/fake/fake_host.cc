@@ -32,7 +32,7 @@ std::uint32_t FakeRandom::arc4random() {
 
 std::shared_ptr<WorkQueue> FakeWorkQueues::createSerialQueue(std::string_view label) {
   calls_.push_back(joined("createSerialQueue", label));
-  return std::make_shared<WorkQueue>(label);
+  return std::make_shared<WorkQueue>();
 }
 
 void FakeWaketide::WaketideInit(std::string_view client_name, WorkQueue& delivery_queue,
@@ -44,7 +44,7 @@ void FakeWaketide::WaketideInit(std::string_view client_name, WorkQueue& deliver
 
 void FakeWaketide::WaketideAddJob(std::string_view job_name, const JobDescription& description) {
   calls_.push_back(joined("WaketideAddJob", job_name));
-  if (!loses_jobs) jobs.insert_or_assign(std::string(job_name), description);
+  jobs.insert_or_assign(std::string(job_name), description);
 }
 
 std::optional<JobDescription> FakeWaketide::WaketideCopyJob(std::string_view job_name) {
@@ -63,7 +63,7 @@ std::optional<PreferenceValue> FakePreferencesStore::copyValue(std::string_view 
 void FakePreferencesStore::setValue(std::string_view domain, std::string_view key,
                                     const PreferenceValue& value) {
   calls_.push_back(joined("setValue", key));
-  if (!loses_writes) values.insert_or_assign(joined(domain, key), value);
+  values.insert_or_assign(joined(domain, key), value);
 }
 
 PreferencesStore::IntegerValue FakePreferencesStore::getIntegerValue(std::string_view domain,

@@ -49,7 +49,7 @@ class FakeWorkQueues : public WorkQueues {
 
  private:
   CallJournal& calls_;
-  WorkQueue main_queue_{"main"};
+  WorkQueue main_queue_;
 };
 
 class FakeWaketide : public Waketide {
@@ -62,7 +62,6 @@ class FakeWaketide : public Waketide {
   std::map<std::string, JobDescription, std::less<>> jobs;
   EventHandler handler;
   const WorkQueue* queue = nullptr;
-  bool loses_jobs = false;
 
  private:
   CallJournal& calls_;
@@ -78,7 +77,6 @@ class FakePreferencesStore : public PreferencesStore {
 
   // Keyed by "DOMAIN KEY".
   std::map<std::string, PreferenceValue, std::less<>> values;
-  bool loses_writes = false;
 
  private:
   CallJournal& calls_;

@@ -1,8 +1,13 @@
 #pragma once
 
+#include <sys/types.h>
 #include <unistd.h>
 
 #include <utility>
+
+// Page maps of 64-bit processes, clocks from 2038 on and the inodes of large disks: cmake/volorn.cmake asks
+// for them.
+static_assert(sizeof(off_t) == 8 && sizeof(ino_t) == 8 && sizeof(time_t) == 8);
 
 namespace volorn::linux_host {
 

@@ -25,13 +25,14 @@ class Host {
         state_file_(directory, clock, log, on_damage),
         waketide_(state_file_),
         preferences_store_(state_file_),
-        metric_store_(state_file_, clock) {}
+        metric_store_(state_file_, clock, bindings_.standIns()) {}
 
   void run(const std::function<void()>& work) {
     const Services services = bindings_.servicesWith({.waketide = waketide_,
                                                       .preferences_store = preferences_store_,
                                                       .metric_store = metric_store_,
-                                                      .system_log = log_});
+                                                      .system_log = log_,
+                                                      .usage_books = &state_file_});
     const ScopedServices installed(services);
     work();
   }

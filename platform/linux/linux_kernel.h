@@ -1,6 +1,10 @@
 #pragma once
 
+#include <sys/sysinfo.h>
+
+#include <cerrno>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <string>
 #include <utility>
@@ -10,19 +14,39 @@
 #include "platform/linux/kernel/file_buffer.h"
 #include "platform/linux/kernel/lent_arrays.h"
 #include "platform/linux/kernel/task_ports.h"
+#include "platform/linux/stand_ins.h"
 
 namespace volorn::linux_host {
 
 // Shows Linux as the kernel that Kernel describes: a process is a task, all of them are in one processor set.
 // What Linux does not count is 0. Processes that `hidepid` hides are not there.
 //
-// Several threads may call at once; each call does its reading alone.
+// Several threads may call at once; each call does its reading alone. A call that memory runs out in fails.
 class LinuxKernel : public Kernel {
  public:
-  explicit LinuxKernel(std::string proc_root, RegionSource region_source = RegionSource::best)
-      : proc_root_(std::move(proc_root)), region_source_(region_source) {}
+  using SystemInfoCall = int (*)(struct sysinfo* info);
 
-  // From <proc_root>/loadavg.
+  // `system_info`: sysinfo(2), which has no root to point elsewhere. `stand_ins`: null where nobody asks
+  // which values stand in for a reading.
+  explicit LinuxKernel(std::string proc_root, RegionSource region_source = RegionSource::best,
+                       SystemInfoCall system_info = ::sysinfo, StandIns* stand_ins = nullptr)
+      : proc_root_(std::move(proc_root)),
+        region_source_(region_source),
+        system_info_(system_info),
+        stand_ins_(stand_ins) {}
+
+  // What the figures of a process do not tell by themselves.
+  struct Notes {
+    std::uint64_t start_ticks;   // with the pid, who it is: unlike the time of start it never changes
+    bool regions_are_known;      // else it shows none because nobody may read them
+    bool descriptors_are_known;  // likewise its ports
+  };
+
+  // Of the process that was asked about last under the pid. None of one that was not yet.
+  std::optional<Notes> notesOn(std::int32_t pid);
+
+  // In the kernel's own fixed point: the text of /proc/loadavg cuts it to two decimals, and so may lose a
+  // hundredth more.
   int getloadavg(double samples[], int count) override;
 
   int gettimeofday(TimeStamp& now) override;
@@ -59,10 +83,13 @@ class LinuxKernel : public Kernel {
 
   PortName mach_host_self() override;
 
-  // This process's own task. What is read of it holds until the tasks are listed again.
+  // This process's own task. What is read of it holds until the tasks are listed again. There is none where
+  // <proc_root>/self leads to no process: it then shows those of a namespace that this one is not in.
   PortName mach_task_self() override;
 
   KernelReturn host_page_size(PortName host, std::uint64_t& page_size) override;
+
+  // An idle count that falls, as the kernel's does, stays as it was until it is past that.
   KernelReturn host_statistics(PortName host, CpuTicks& record) override;
 
   // Wired is what is neither free nor active nor inactive.
@@ -134,18 +161,33 @@ class LinuxKernel : public Kernel {
   const ProcessRegion* regionPast(PortName port, std::uint64_t& address, std::uint64_t& size, RegionWalk walk,
                                   KernelReturn& failure);
   int readSystemFile(const char* name);
+  int readMemoryLevel(std::int32_t& percent);
   int readProcesses();
   int readInterfaceList(std::byte* buffer, std::size_t& length_bytes);
   int readArguments(Task& task, std::byte* buffer, std::size_t& length_bytes);
-  TimeStamp timeOfStart(std::uint64_t start_ticks);
-  bool readBootTime();
+
+  // Does the work of a call. `failure`: the result when there is no memory for it; errno is set as well.
+  template <typename Result, typename Work>
+  Result call(Result failure, Work work) {
+    const std::lock_guard lock(mutex_);
+    const std::size_t lent_before = arrays_.lentCount();
+    try {
+      return work();
+    } catch (const std::bad_alloc&) {
+      arrays_.dropFrom(lent_before);
+      errno = ENOMEM;
+      return failure;
+    }
+  }
 
   std::mutex mutex_;  // held by every call for as long as it uses what follows
   std::string proc_root_;
   RegionSource region_source_;
+  SystemInfoCall system_info_;
+  StandIns* stand_ins_;
   FileBuffer buffer_;
   std::optional<Tasks> tasks_;
-  std::optional<std::int64_t> boot_time_seconds_;  // since 1970, as read last
+  std::uint64_t idle_ticks_ = 0;  // the most so far
   LentArrays arrays_;
 };
 

@@ -1,6 +1,8 @@
 #pragma once
 
-#include <cstdlib>
+#include <sys/random.h>
+
+#include <random>
 
 #include "platform/random.h"
 
@@ -8,7 +10,12 @@ namespace volorn::linux_host {
 
 class LinuxRandom : public Random {
  public:
-  std::uint32_t arc4random() override { return ::arc4random(); }
+  std::uint32_t arc4random() override {
+    std::uint32_t value = 0;
+    // Before Linux 3.17 there is the file alone.
+    if (getrandom(&value, sizeof value, 0) != sizeof value) value = std::random_device("/dev/urandom")();
+    return value;
+  }
 };
 
 }  // namespace volorn::linux_host

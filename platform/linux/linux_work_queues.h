@@ -4,16 +4,16 @@
 
 namespace volorn::linux_host {
 
-// A queue is its label: no thread and no event loop serves one.
+// A queue is a name for who asked: no thread and no event loop serves one.
 class LinuxWorkQueues : public WorkQueues {
  public:
-  std::shared_ptr<WorkQueue> createSerialQueue(std::string_view label) override {
-    return std::make_shared<WorkQueue>(label);
+  std::shared_ptr<WorkQueue> createSerialQueue(std::string_view /*label*/) override {
+    return std::make_shared<WorkQueue>();
   }
   WorkQueue& mainQueue() override { return main_queue_; }
 
  private:
-  WorkQueue main_queue_{"main"};
+  WorkQueue main_queue_;
 };
 
 }  // namespace volorn::linux_host

@@ -19,7 +19,6 @@ constexpr const char* kDumpedKey = "com.zorvik.volorn lastLogDumpedDaySince1970"
 constexpr const char* kJob = "com.zorvik.volorn.logcreation";
 
 constexpr const char* kNoJobLine = "WTD job doesn't exist";
-constexpr const char* kJobLine = "WTD job already exists";
 constexpr const char* kNoPlanLine =
     "No wakeupTime set in preferences - either first time, or first after an erase install";
 constexpr const char* kEarlyLine =
@@ -36,15 +35,16 @@ struct Host : fake::FakeHost {
   Host() { clock.seconds_since_1970 = kNoon; }
 
   void plan(double seconds_since_1970) {
-    preferences_store.values.insert_or_assign(kPlanKey, Date::fromSecondsSince1970(seconds_since_1970));
+    preferences_store.values.emplace(kPlanKey, Date::fromSecondsSince1970(seconds_since_1970));
   }
-  void dumpedOn(std::int64_t day) { preferences_store.values.insert_or_assign(kDumpedKey, day); }
-
   std::optional<PreferenceValue> preference(const char* key) const {
     const auto found = preferences_store.values.find(key);
     return found == preferences_store.values.end() ? std::nullopt : std::optional(found->second);
   }
-  double storedPlan() const { return std::get<Date>(preference(kPlanKey).value()).secondsSince1970(); }
+  std::optional<double> storedPlan() const {
+    const auto plan = preference(kPlanKey);
+    return plan ? std::optional(std::get<Date>(*plan).secondsSince1970()) : std::nullopt;
+  }
 
   // One start of the daemon: the log lines it wrote.
   Lines run() {
@@ -57,198 +57,126 @@ struct Host : fake::FakeHost {
   }
 };
 
-TEST(ControllerTest, FirstStartTakesTheSnapshotAndPlansTomorrow) {
-  Host host;
-  host.random.next = 0x8000'0000;
-  EXPECT_EQ(host.run(), (Lines{kNoJobLine, kNoPlanLine}));
-  EXPECT_EQ(host.storedPlan(), 20001 * kDay + 43200);
-  EXPECT_EQ(host.preference(kDumpedKey), PreferenceValue{std::int64_t{20000}});
-  EXPECT_EQ(host.preference(kLastKey), PreferenceValue{Date::fromSecondsSince1970(kNoon)});
-  ASSERT_FALSE(host.metric_store.written.empty());
-  EXPECT_EQ(host.metric_store.written[1].first, "com.zorvik.snapshot.nextSecsSinceMidnight");
-  EXPECT_EQ(host.metric_store.written[1].second, 43200);
-}
+const PreferenceValue kToday{std::int64_t{20000}};
 
-// Distance from the plan in seconds, and what the start is taken for.
-struct Classification {
-  double late_seconds;
-  Lines lines;
-  bool snapshot;
+struct Start {
+  const char* what;
+  std::optional<double> late_seconds;  // behind the stored plan
+  std::optional<PreferenceValue> dumped_day;
+  Lines lines;  // behind the one about the job; the last tells whether there is a snapshot
+  double next_plan = 20001 * kDay;  // of a start with a snapshot
+  double clock = kNoon;
+  std::uint32_t random = 0;
+  double seconds_per_reading = 0;
+  bool clock_fails = false;
 };
 
-TEST(ControllerTest, ThirtySecondsEitherSideAreOnTime) {
-  const Classification rows[] = {
-      {0.0, {}, true},
-      {30.0, {}, true},
-      {30.001, {kLateLine}, true},
-      {-30.0, {}, true},
-      {-30.001, {kEarlyLine, kTooEarlyLine, kReschedulingLine}, false},
-      {86400.0 * 400, {kLateLine}, true},
-      {std::nan(""), {}, true},
-  };
-  for (const auto& [late_seconds, lines, snapshot] : rows) {
-    SCOPED_TRACE(late_seconds);
-    Host host;
-    const double plan = kNoon - late_seconds;
-    host.plan(plan);
-    Lines expected{kNoJobLine};
-    expected.insert(expected.end(), lines.begin(), lines.end());
-    EXPECT_EQ(host.run(), expected);
-    EXPECT_EQ(!host.metric_store.written.empty(), snapshot);
-    EXPECT_EQ(host.preference(kDumpedKey).has_value(), snapshot);
-    EXPECT_EQ(host.storedPlan() == plan, !snapshot);
-    EXPECT_EQ(host.preference(kLastKey), PreferenceValue{Date::fromSecondsSince1970(kNoon)});
-    if (snapshot) {
-      EXPECT_EQ(host.metric_store.written[1].first, "com.zorvik.snapshot.plannedSecsSinceMidnight");
-    }
-  }
+const Start kStarts[] = {
+    {"the first", {}, {}, {kNoPlanLine}, 20001 * kDay + 43200, kNoon, 0x8000'0000},
+    {"at the second", 0, {}, {}},
+    {"at the late bound", 30, {}, {}},
+    {"late", 30.001, {}, {kLateLine}},
+    {"a year late", 400 * kDay, {}, {kLateLine}},
+    {"at the early bound", -30, {}, {}},
+    {"early", -30.001, {}, {kEarlyLine, kTooEarlyLine, kReschedulingLine}},
+    {"no number", std::nan(""), {}, {}},
+    {"early and again", -31, kToday, {kEarlyLine, kTooEarlyLine, kDumpedLine, kReschedulingLine}},
+    {"again", 0, kToday, {kDumpedLine, kReschedulingLine}},
+    {"low 32 bits", 0, std::int64_t{0x5'0000'4E20}, {kDumpedLine, kReschedulingLine}},
+    {"again without a plan", {}, kToday, {kNoPlanLine, kDumpedLine, kReschedulingLine}},
+    {"the day after", 0, std::int64_t{19999}, {}},
+    {"the day before, after the clock went back", 0, std::int64_t{20001}, {}},
+    {"no integer", 0, Date::fromSecondsSinceReferenceDate(20000), {}},
+    {"largest random number", {}, {}, {kNoPlanLine}, 20001 * kDay + 86399, kNoon, 0xFFFF'FFFF},
+    {"last second of 32 bits", {}, {}, {kNoPlanLine}, 2147483647, 24854 * kDay, 578975511},
+    {"the next wraps", {}, {}, {kNoPlanLine}, -2147483648.0, 24854 * kDay, 579025221},
+    {"the day wraps", {}, {}, {kNoPlanLine}, 24856 * kDay - 4294967296.0, 24855 * kDay},
+    {"end of a day", {}, {}, {kNoPlanLine}, 20001 * kDay, 20001 * kDay - 0.5},
+    {"first second of a day", {}, {}, {kNoPlanLine}, 20002 * kDay, 20001 * kDay},
+    {"planned from the old day, stored for the new",
+     {},
+     {},
+     {kNoPlanLine},
+     20001 * kDay,
+     20001 * kDay - 2,
+     0,
+     1},
+    {"no clock", {}, {}, {kNoPlanLine}, 0, kNoon, 0, 0, true},
+    {"no clock, again", 0, std::int64_t{-1}, {kDumpedLine, kReschedulingLine}, 0, kNoon, 0, 0, true},
+};
+
+std::int64_t secondOfDay(double seconds_since_1970) {
+  const double days = std::floor(seconds_since_1970 / kDay);
+  return std::isfinite(days) ? static_cast<std::int64_t>(std::floor(seconds_since_1970 - days * kDay)) : 0;
 }
 
-TEST(ControllerTest, OneSnapshotADay) {
-  Host host;
-  host.plan(kNoon + 31);
-  host.dumpedOn(20000);
-  EXPECT_EQ(host.run(), (Lines{kNoJobLine, kEarlyLine, kTooEarlyLine, kDumpedLine, kReschedulingLine}));
-  host.plan(kNoon);
-  EXPECT_EQ(host.run(), (Lines{kJobLine, kDumpedLine, kReschedulingLine}));
-  EXPECT_EQ(host.storedPlan(), kNoon);
-  EXPECT_EQ(host.waketide.jobs.at(kJob).window_start_time, kNoon - kReferenceDateSecondsSince1970);
-  EXPECT_TRUE(host.metric_store.written.empty());
-}
-
-TEST(ControllerTest, DayOfTheLastSnapshot) {
-  struct Row {
-    const char* what;
-    PreferenceValue stored;
-    bool today;
-  };
-  const Row rows[] = {
-      {"yesterday", std::int64_t{19999}, false},
-      {"tomorrow, after the clock went back", std::int64_t{20001}, false},
-      {"low 32 bits", std::int64_t{0x5'0000'0000 + 20000}, true},
-      {"no integer", Date::fromSecondsSinceReferenceDate(20000), false},
-  };
-  for (const auto& [what, stored, today] : rows) {
-    SCOPED_TRACE(what);
+TEST(ControllerTest, AStartDecidesByPlanAndDay) {
+  for (const Start& start : kStarts) {
+    SCOPED_TRACE(start.what);
+    const bool snapshot = start.lines.empty() || start.lines.back() != kReschedulingLine;
     Host host;
-    host.preferences_store.values.insert_or_assign(kDumpedKey, stored);
-    host.run();
-    EXPECT_EQ(host.metric_store.written.empty(), today);
-  }
-}
+    host.clock.seconds_since_1970 = start.clock;
+    host.clock.seconds_per_reading = start.seconds_per_reading;
+    host.clock.fails = start.clock_fails;
+    host.random.next = start.random;
+    host.local_calendar.seconds_east_of_utc = 7200;
+    if (start.late_seconds) host.plan(start.clock - *start.late_seconds);
+    if (start.dumped_day) host.preferences_store.values.emplace(kDumpedKey, *start.dumped_day);
+    const auto plan = host.storedPlan();
+    Lines lines = start.lines;
+    lines.insert(lines.begin(), kNoJobLine);
+    EXPECT_EQ(host.run(), lines);
 
-TEST(ControllerTest, PlansWrapAt32Bits) {
-  struct Row {
-    std::int32_t today;
-    std::uint32_t random;
-    double seconds_since_1970;
-  };
-  const Row rows[] = {
-      {20000, 0, 1728086400},
-      {20000, 4294967295, 1728086400 + 86399},
-      {24854, 578975511, 2147483647},  // offset 11647, the last second before the wrap
-      {24854, 579025221, -2147483648.0},
-      {24855, 0, 24856 * kDay - 4294967296.0},
-  };
-  for (const auto& [today, random, seconds_since_1970] : rows) {
-    SCOPED_TRACE(today);
-    Host host;
-    host.clock.seconds_since_1970 = today * kDay + 5;
-    host.random.next = random;
-    host.run();
-    EXPECT_EQ(host.storedPlan(), seconds_since_1970);
+    const double ended = host.clock.seconds_since_1970;
+    const double marked = std::get<Date>(host.preference(kLastKey).value()).secondsSince1970();
+    EXPECT_TRUE(marked >= start.clock && marked <= ended) << marked;
+    const PreferenceValue today = start.clock_fails ? -1 : static_cast<std::int64_t>(ended / kDay);
+    EXPECT_EQ(host.preference(kDumpedKey), snapshot ? today : start.dumped_day);
+    EXPECT_EQ(host.storedPlan(), snapshot ? start.next_plan : plan);
     const JobDescription& job = host.waketide.jobs.at(kJob);
-    EXPECT_EQ(job.window_start_time, seconds_since_1970 - kReferenceDateSecondsSince1970);
+    EXPECT_EQ(job.window_start_time,
+              host.storedPlan().value_or(kReferenceDateSecondsSince1970) - kReferenceDateSecondsSince1970);
     EXPECT_EQ(job.window_end_time, job.window_start_time + 604800);
+
+    decltype(host.metric_store.written) times;
+    if (plan) times.emplace_back("com.zorvik.snapshot.plannedSecsSinceMidnight", secondOfDay(*plan + 7200));
+    times.emplace_back("com.zorvik.snapshot.nextSecsSinceMidnight", secondOfDay(start.next_plan + 7200));
+    const auto& written = host.metric_store.written;
+    ASSERT_EQ(!written.empty(), snapshot);
+    EXPECT_TRUE(!snapshot || std::equal(times.begin(), times.end(), written.begin() + 1));
   }
 }
 
-TEST(ControllerTest, ARunAcrossMidnightPlansFromItsStartAndStoresTheNewDay) {
+TEST(ControllerTest, AsksInOrder) {
+  const std::string beginning =
+      "time; copyValue nextPlannedWakeupTime; createSerialQueue com.zorvik.volorn.requestQueue; "
+      "WaketideInit com.zorvik.volorn; WaketideCopyJob com.zorvik.volorn.logcreation; "
+      "now; setValue lastWakeupTime; getIntegerValue lastLogDumpedDaySince1970; ";
   Host host;
-  host.clock.seconds_since_1970 = 20001 * kDay - 2;
-  host.clock.seconds_per_reading = 1;
   host.run();
-  EXPECT_EQ(host.storedPlan(), 20001 * kDay);
-  EXPECT_EQ(host.preference(kDumpedKey), PreferenceValue{std::int64_t{20001}});
-}
-
-TEST(ControllerTest, DaysTurnAtMidnightUtc) {
-  Host host;
-  host.local_calendar.seconds_east_of_utc = 7200;
-  const Services services = host.services();
-  const ScopedServices scoped(services);
-  const std::pair<double, std::int32_t> rows[] = {
-      {0, 0}, {86399, 0}, {86400, 1}, {20000 * kDay + 0.5, 20000}};
-  for (const auto& [seconds, day] : rows) {
-    host.clock.seconds_since_1970 = seconds;
-    EXPECT_EQ(voLornController::_daysSince1970(), day);
-  }
-  host.clock.fails = true;
-  EXPECT_EQ(voLornController::_daysSince1970(), -1);
-}
-
-TEST(ControllerTest, SnapshotRunAsksInOrder) {
-  Host host;
-  host.plan(kNoon);
-  host.run();
-  const fake::CallJournal before = {"time",
-                                    "copyValue nextPlannedWakeupTime",
-                                    "createSerialQueue com.zorvik.volorn.requestQueue",
-                                    "WaketideInit com.zorvik.volorn",
-                                    "WaketideCopyJob com.zorvik.volorn.logcreation",
-                                    "now",
-                                    "now",
-                                    "setValue lastWakeupTime",
-                                    "getIntegerValue lastLogDumpedDaySince1970",
-                                    "arc4random",
-                                    "WaketideAddJob com.zorvik.volorn.logcreation",
-                                    "setValue nextPlannedWakeupTime"};
-  const fake::CallJournal after = {"setScalarValue com.zorvik.snapshot.jetsamLevel", "time",
-                                   "setValue lastLogDumpedDaySince1970", "synchronise com.zorvik.volorn"};
-  ASSERT_GT(host.calls.size(), before.size() + after.size());
-  EXPECT_TRUE(std::equal(before.begin(), before.end(), host.calls.begin()))
-      << testing::PrintToString(host.calls);
-  EXPECT_TRUE(std::equal(after.rbegin(), after.rend(), host.calls.rbegin()))
-      << testing::PrintToString(host.calls);
-}
-
-TEST(ControllerTest, RepeatedRunAsksInOrder) {
-  Host host;
-  host.dumpedOn(20000);
-  host.run();
-  EXPECT_EQ(host.calls,
-            (fake::CallJournal{
-                "time", "copyValue nextPlannedWakeupTime", "createSerialQueue com.zorvik.volorn.requestQueue",
-                "WaketideInit com.zorvik.volorn", "WaketideCopyJob com.zorvik.volorn.logcreation", "now",
-                "setValue lastWakeupTime", "getIntegerValue lastLogDumpedDaySince1970", "time",
-                "getIntegerValue lastLogDumpedDaySince1970", "time", "copyValue nextPlannedWakeupTime",
-                "WaketideAddJob com.zorvik.volorn.logcreation", "synchronise com.zorvik.volorn"}));
-  const JobDescription& job = host.waketide.jobs.at(kJob);
-  EXPECT_EQ(job.window_start_time, 0.0);
-  EXPECT_EQ(job.window_end_time, 604800.0);
-}
-
-TEST(ControllerTest, ARunGoesOnWithoutItsServices) {
-  Host host;
-  host.preferences_store.loses_writes = true;
-  host.waketide.loses_jobs = true;
-  host.clock.fails = true;
-  EXPECT_EQ(host.run(), (Lines{kNoJobLine, kNoPlanLine}));
-  EXPECT_FALSE(host.metric_store.written.empty());
-
-  // A clock that fails still counts as a day, -1, which is stored and compared like any other.
-  host.preferences_store.loses_writes = false;
-  host.run();
-  EXPECT_EQ(host.preference(kDumpedKey), PreferenceValue{std::int64_t{-1}});
-  EXPECT_EQ(host.run().back(), kReschedulingLine);
+  const auto asked = [&host] {
+    std::string text;
+    for (const std::string& call : std::exchange(host.calls, {})) text += call + "; ";
+    return text;
+  };
+  std::string text = asked();
+  const std::size_t readings = text.find("now; setScalarValue");
+  ASSERT_NE(readings, text.npos);
+  text.erase(readings, text.find("time; ", readings) - readings);
+  EXPECT_EQ(text, beginning +
+                      "arc4random; WaketideAddJob com.zorvik.volorn.logcreation; "
+                      "setValue nextPlannedWakeupTime; time; setValue lastLogDumpedDaySince1970; "
+                      "synchronise com.zorvik.volorn; ");
+  host.preferences_store.values.erase(kPlanKey);
+  EXPECT_EQ(host.run().front(), "WTD job already exists");
+  EXPECT_EQ(asked(), beginning +
+                         "time; getIntegerValue lastLogDumpedDaySince1970; time; "
+                         "copyValue nextPlannedWakeupTime; WaketideAddJob com.zorvik.volorn.logcreation; "
+                         "synchronise com.zorvik.volorn; ");
 }
 
 TEST(ControllerTest, EventsAreOnlyLogged) {
-  struct Row {
-    JobEvent event;
-    Lines lines;
-  };
-  const Row rows[] = {
+  const std::pair<JobEvent, Lines> rows[] = {
       {{.expired = false, .job_status = 1}, {"Waketide job was in error."}},
       {{.expired = true, .job_status = 2}, {"Waketide job expired!"}},
       {{.expired = true, .job_status = 3}, {"Waketide job expired!", "Waketide job was unsatisfied"}},

@@ -34,37 +34,42 @@ class MemoryRegionsTest : public SamplerTest {
 TEST_F(MemoryRegionsTest, ShareModes) {
   using enum ShareMode;
   struct Case {
-    std::int32_t pid;
     std::vector<RegionTopInfo> infos;
     Sizes sizes;
+    std::int32_t pid = kPid;
+    std::uint64_t address = kPage;
+    std::uint64_t shared_total = 0;  // pages
   };
   const Case kCases[] = {
-      {kPid, {top(private_pages, 3, 2)}, {5, 0, 16, 0, 0, 1}},
-      {kPid, {top(large_page, 3, 2)}, {5, 0, 16, 0, 0, 1}},
-      {kPid, {top(empty, 3, 2)}, {0, 0, 0, 16, 0, 1}},
-      {kPid, {top(copy_on_write, 3, 2, 1, 1)}, {5, 0, 16, 0, 0, 1}},  // nobody else's
-      {kPid, {top(copy_on_write, 3, 2)}, {3, 2, 3, 0, 0, 1}},
-      {kPid, {top(shared, 3, 2)}, {0, 2, 0, 0, 0, 1}},
-      {kPid, {top(shared, 3, 2, 1, 1)}, {2, 0, 16, 0, 0, 1}},  // every reference is its own
+      {{top(private_pages, 3, 2)}, {5, 0, 16, 0, 0, 1}},
+      {{top(large_page, 3, 2)}, {5, 0, 16, 0, 0, 1}},
+      {{top(empty, 3, 2)}, {0, 0, 0, 16, 0, 1}},
+      {{top(copy_on_write, 3, 2, 1, 1)}, {5, 0, 16, 0, 0, 1}},  // nobody else's
+      {{top(copy_on_write, 3, 2)}, {3, 2, 3, 0, 0, 1}, kPid, kPage, 2},
+      {{top(shared, 3, 2)}, {0, 2, 0, 0, 0, 1}, kPid, kPage, 2},
+      {{top(shared, 3, 2, 1, 1)}, {2, 0, 16, 0, 0, 1}},  // every reference is its own
       // Whether an object is private is told by its first region, what is private besides by each.
-      {kPid, {top(shared, 3, 2), top(copy_on_write, 3, 2)}, {5, 0, 35, 0, 0, 2}},
-      {kPid, {top(copy_on_write, 3, 2), top(shared, 3, 2)}, {3, 2, 3, 0, 0, 2}},
-      {0, {top(copy_on_write, 3, 2)}, {3, 0, 16, 0, 0, 1}},
-      {0, {top(shared, 3, 2)}, {0, 0, 0, 0, 0, 1}},
+      {{top(shared, 3, 2), top(copy_on_write, 3, 2)}, {5, 0, 35, 0, 0, 2}},
+      {{top(copy_on_write, 3, 2), top(shared, 3, 2)}, {3, 2, 3, 0, 0, 2}, kPid, kPage, 2},
+      {{top(copy_on_write, 3, 2)}, {3, 0, 16, 0, 0, 1}, 0},
+      {{top(shared, 3, 2)}, {0, 0, 0, 0, 0, 1}, 0},
+      // The address space ends.
+      {{top(empty, 0, 0), top(empty, 0, 0)}, {0, 0, 0, 16, 0, 1}, kPid, 0 - kSize},
   };
   for (const Case& c : kCases) {
+    SCOPED_TRACE(&c - kCases);
     kernel.tasks.clear();
-    kernel.addTask(c.pid, "worker").regions = regionsFrom(kPage, c.infos);
+    kernel.addTask(c.pid, "worker").regions = regionsFrom(c.address, c.infos);
     ASSERT_EQ(start(), 0);
     const SystemSample& tsamp = sample();
-    EXPECT_EQ(sizesOf(c.pid), c.sizes) << "case " << &c - kCases;
-    EXPECT_EQ(tsamp.private_resident_total, c.sizes[0] * kPage);
-    EXPECT_EQ(tsamp.region_count_total, c.sizes[5]);
-    EXPECT_EQ(tsamp.shared_resident_total, c.sizes[1] * kPage);
+    EXPECT_EQ(sizesOf(c.pid), c.sizes);
+    EXPECT_EQ(tsamp.shared_resident_total, c.shared_total * kPage);
+    EXPECT_EQ(flat(tsamp.private_resident_total, tsamp.region_count_total),
+              (Values{c.sizes[0] * kPage, c.sizes[5]}));
     sample(false);
-    EXPECT_EQ(process(c.pid).private_resident_prev, c.sizes[0] * kPage);
-    EXPECT_EQ(process(c.pid).private_virtual_prev, c.sizes[2] * kPage);
-    EXPECT_EQ(process(c.pid).empty_virtual_prev, c.sizes[3] * kPage);
+    const ProcessSample& p = process(c.pid);
+    EXPECT_EQ(flat(p.private_resident_prev, p.private_virtual_prev, p.empty_virtual_prev),
+              (Values{c.sizes[0] * kPage, c.sizes[2] * kPage, c.sizes[3] * kPage}));
   }
 }
 
@@ -84,46 +89,28 @@ TEST_F(MemoryRegionsTest, SharedObjectCountsOncePerOwner) {
   // The third mapping makes it private, with the sizes of all mappings so far; the fourth makes it shared
   // again.
   EXPECT_EQ(sizesOf(kPid + 2), (Sizes{0, 4, 0, 0, 0, 4}));
-  const SharedObject& object = sampler.shared_objects.at(7);
-  EXPECT_EQ(object.owner, &info(kPid + 2));
-  EXPECT_EQ(object.seen, 4U);
-  EXPECT_EQ(object.ref_count, 3U);
-  EXPECT_EQ(object.size_sum, static_cast<std::int32_t>(7 * kSize));
-  EXPECT_EQ(object.counted_as, kCountedShared);
   EXPECT_EQ(tsamp.shared_resident_total, 4 * kPage);
 
   kernel.tasks.at(kPid + 2).regions.pop_back();
   sample();
   EXPECT_EQ(sizesOf(kPid + 1), (Sizes{0, 4, 0, 0, 0, 1}));
   EXPECT_EQ(sizesOf(kPid + 2), (Sizes{4, 0, 13 * 16, 0, 0, 3}));
-  EXPECT_EQ(process(kPid + 2).private_virtual_prev, 0U);
-  EXPECT_EQ(process(kPid + 2).shared_resident_prev, 4 * kPage);
-  EXPECT_EQ(process(kPid + 2).region_count_prev, 4U);
+  const ProcessSample& last = process(kPid + 2);
+  EXPECT_EQ(flat(last.private_virtual_prev, last.shared_resident_prev, last.region_count_prev),
+            (Values{0, 4 * kPage, 4}));
   EXPECT_EQ(tsamp.shared_resident_total, 0U);  // it is one process's alone
 }
 
-TEST_F(MemoryRegionsTest, ObjectOfOneProcessCountsForNothingInTheNext) {
-  const RegionTopInfo own = top(ShareMode::shared, 0, 4, 7, 1);
-  task.regions = regionsFrom(kPage, {own});
-  kernel.addTask(kPid + 1, "next").regions = regionsFrom(kPage, {own, top(ShareMode::private_pages, 1, 0)});
-  kernel.addTask(kPid + 2, "last").regions = regionsFrom(kPage, {top(ShareMode::copy_on_write, 5, 4, 7)});
+TEST_F(MemoryRegionsTest, SumOfSizesWraps) {
+  task.regions = {{.address = 0, .size = 0x8000'0000, .top = top(ShareMode::shared, 0, 4, 7, 1)}};
   sample();
-  EXPECT_EQ(sizesOf(kPid), (Sizes{4, 0, 16, 0, 0, 1}));
-  EXPECT_EQ(sizesOf(kPid + 1), (Sizes{1, 0, 16, 0, 0, 2}));
-  EXPECT_EQ(sizesOf(kPid + 2), (Sizes{0, 0, 0, 0, 0, 1}));
-  // The next process is the one that is listed next.
+  EXPECT_EQ(process(kPid).private_virtual, 0xFFFF'FFFF'8000'0000U);
+  // The second to be listed finds an object that was another's alone.
+  kernel.addTask(kPid + 1, "next").regions = task.regions;
   kernel.lists_tasks_backwards = true;
   ASSERT_EQ(start(), 0);
   sample();
-  EXPECT_EQ(sizesOf(kPid), (Sizes{0, 4, 0, 0, 0, 1}));
-}
-
-TEST_F(MemoryRegionsTest, SumOfSizesWrapsAndTheAddressSpaceEnds) {
-  task.regions = {{.address = 0, .size = 0x8000'0000, .top = top(ShareMode::shared, 0, 4, 7, 1)},
-                  {.address = 0 - kPage, .size = kPage, .top = top(ShareMode::empty, 0, 0)}};
-  sample();
-  EXPECT_EQ(process(kPid).private_virtual, 0xFFFF'FFFF'8000'0000U);
-  EXPECT_EQ(process(kPid).region_count, 2U);
+  EXPECT_EQ(sizesOf(kPid), (Sizes{0, 0, 0, 0, 0, 1}));
 }
 
 struct RangeRow {
@@ -199,30 +186,23 @@ TEST_F(MemoryRegionsTest, ProcessesWithASplitRangeAreWalkedAgainWhileTheyAreSmal
 }
 
 TEST_F(MemoryRegionsTest, UnreadableBasicInformationEndsTheWalkWithWhatItFound) {
-  task.regions =
-      regionsFrom(0x7FFF'7000'0000 - kSize, {top(ShareMode::private_pages, 1, 0), top(ShareMode::empty, 2, 0),
-                                             top(ShareMode::private_pages, 4, 0)});
+  const RegionTopInfo own = top(ShareMode::private_pages, 1, 0);
+  task.regions = regionsFrom(0x7FFF'7000'0000 - kSize, {own, top(ShareMode::empty, 2, 0), own});
   fail("mach_vm_region 10", kPid);
   sample();
   EXPECT_EQ(sizesOf(kPid), (Sizes{1, 0, 16, 0, 2, 1}));
 }
 
 TEST_F(MemoryRegionsTest, WhenRegionsAreWalked) {
-  struct Case {
-    std::uint32_t region_mode;
-    bool walk_regions;
-    bool walks;
-  };
-  constexpr Case kCases[] = {{kFollowSample, true, true},    {kFollowSample, false, false},
-                             {kDoNotForceWalk, true, false}, {kDoNotForceWalk, false, false},
-                             {kAlwaysWalk, true, true},      {kAlwaysWalk, false, true}};
   kernel.journals_task_calls = true;
   sample();
-  for (const Case& c : kCases) {
-    info(kPid).region_mode = c.region_mode;
-    asked();
-    sample(c.walk_regions);
-    EXPECT_EQ(asked(), c.walks ? 1U : 0U) << c.region_mode << c.walk_regions;
+  for (const std::uint32_t mode : {kFollowSample, kDoNotForceWalk, kAlwaysWalk}) {
+    for (const bool walk_regions : {true, false}) {
+      info(kPid).region_mode = mode;
+      asked();
+      sample(walk_regions);
+      EXPECT_EQ(asked(), mode == kAlwaysWalk || (mode == kFollowSample && walk_regions) ? 1U : 0U) << mode;
+    }
   }
 }
 
@@ -242,19 +222,16 @@ TEST_F(MemoryRegionsTest, NoMemoryForASharedObjectStoresNothingOfTheWalk) {
 
 using MemoryRegionsDeathTest = MemoryRegionsTest;
 
-TEST_F(MemoryRegionsDeathTest, ShareModesThatNoRegionMayHave) {
+TEST_F(MemoryRegionsDeathTest, RegionsThatNoProcessMayHave) {
   ASSERT_EQ(start(), 0);
   for (const std::uint32_t mode : {0U, 5U, 6U, 7U, 9U}) {
     task.regions = regionsFrom(kPage, {top(static_cast<ShareMode>(mode), 1, 1)});
     EXPECT_DEATH(libtop_sample(true, false), "libtop_update_vm_regions: libtop:1795: .*: 0\n");
   }
-}
-
-TEST_F(MemoryRegionsDeathTest, RegionOfAnUnknownProcessorType) {
   task.cpu_type = 0xABC;
-  sample();  // it has none
-  task.regions = regionsFrom(kPage, {top(ShareMode::private_pages, 1, 1)});
   EXPECT_DEATH(libtop_sample(true, false), "^unknown CPU type: 0xabc\n$");
+  task.regions.clear();
+  sample();
 }
 
 }  // namespace

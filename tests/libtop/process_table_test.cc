@@ -6,6 +6,7 @@
 #include <random>
 
 #include "libtop/libtop.h"
+#include "tests/libtop/tree_rules.h"
 
 namespace volorn {
 namespace {
@@ -19,12 +20,9 @@ std::map<std::int32_t, ProcessInfo*> contentsOf(const ProcessTable& table) {
   return contents;
 }
 
-class ProcessTableTest : public testing::TestWithParam<int> {};
-
-// Few different pids fill and empty the table often; many build deep trees.
-TEST_P(ProcessTableTest, IsAnOrderedMap) {
-  std::mt19937 random(static_cast<std::mt19937::result_type>(GetParam()));
-  std::uniform_int_distribution<std::int32_t> some_pid(-GetParam(), GetParam());
+void useAsAnOrderedMap(std::int32_t greatest_pid) {
+  std::mt19937 random(static_cast<std::mt19937::result_type>(greatest_pid));
+  std::uniform_int_distribution<std::int32_t> some_pid(-greatest_pid, greatest_pid);
   ProcessTable table;
   std::map<std::int32_t, ProcessInfo*> expected;
   for (int step = 0; step < 3000; ++step) {
@@ -38,19 +36,36 @@ TEST_P(ProcessTableTest, IsAnOrderedMap) {
     } else {
       expected.emplace(pid, table.insert(pid));
     }
-    ASSERT_TRUE(table.isValid()) << "step " << step;
+    ASSERT_TRUE(isRedBlackTree(table)) << "step " << step;
     ASSERT_EQ(contentsOf(table), expected) << "step " << step;
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(PidRanges, ProcessTableTest, testing::Values(2, 20, 200));
+// Few different pids fill and empty the table often; many build deep trees.
+TEST(ProcessTableTest, IsAnOrderedMap) {
+  for (const std::int32_t greatest_pid : {2, 20, 200}) useAsAnOrderedMap(greatest_pid);
+}
 
-TEST(ProcessTableDeathTest, ComparisonNeedsTwoRecords) {
-  const ProcessInfo pinfo = {};
-  EXPECT_DEATH(libtop_p_pinfo_pid_comp(nullptr, &pinfo),
-               "libtop_p_pinfo_pid_comp: libtop:2312: .*: a != NULL");
-  EXPECT_DEATH(libtop_p_pinfo_pid_comp(&pinfo, nullptr),
-               "libtop_p_pinfo_pid_comp: libtop:2313: .*: b != NULL");
+TEST(Counter64Test, FollowsRawValuesThroughTheirWraps) {
+  struct Case {
+    std::uint32_t last;
+    std::uint32_t raw;
+    std::int64_t change;
+  };
+  constexpr Case kCases[] = {{0xFFFFFFF0, 0x00000010, 0x20},
+                             {100, 90, -10},
+                             {0, 0x7FFFFFFF, 0x7FFFFFFF},
+                             {0, 0x80000000, -0x80000000LL},
+                             {7, 7, 0}};
+  for (const Case& c : kCases) {
+    Counter64 counter = {.total = 1ULL << 40, .last = c.last};
+    libtop_i64_update(counter, c.raw);
+    EXPECT_EQ(static_cast<std::int64_t>(counter.total) - (1LL << 40), c.change) << c.last << " to " << c.raw;
+    EXPECT_EQ(counter.last, c.raw);
+  }
+  EXPECT_EQ(libtop_i64_init(0, 0x80000000).total, 2147483648U);
+  EXPECT_EQ(libtop_i64_init(5, 9).total, 5U);
+  EXPECT_EQ(libtop_i64_init(5, 9).last, 9U);
 }
 
 }  // namespace

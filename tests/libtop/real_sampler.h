@@ -3,10 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <string>
 
 #include "libtop/sampler.h"
 #include "platform/fake/fake_host.h"
-#include "platform/linux/linux_device_registry.h"
+#include "platform/linux/devices/linux_device_registry.h"
 #include "platform/linux/linux_kernel.h"
 
 namespace volorn {
@@ -14,8 +15,9 @@ namespace volorn {
 // A started sampler of this machine.
 class RealSampler {
  public:
-  explicit RealSampler(linux_host::RegionSource source = linux_host::RegionSource::best)
-      : kernel_("/proc", source) {
+  explicit RealSampler(linux_host::RegionSource source = linux_host::RegionSource::best,
+                       const std::string& proc_root = "/proc")
+      : kernel_(proc_root, source) {
     EXPECT_EQ(libtop_init(nullptr, nullptr), 0);
   }
   ~RealSampler() { libtop_fini(); }

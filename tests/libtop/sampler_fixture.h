@@ -35,6 +35,26 @@ inline std::vector<fake::FakeRegion> regionsFrom(std::uint64_t address,
   return regions;
 }
 
+using Values = std::vector<std::uint64_t>;
+
+// All these figures, one behind the other; of a time its microseconds.
+template <typename... Parts>
+Values flat(const Parts&... parts) {
+  Values values;
+  const auto add = [&values](const auto& part) {
+    if constexpr (requires { part.microseconds; }) {
+      EXPECT_LT(part.microseconds, 1'000'000);
+      values.push_back(static_cast<std::uint64_t>(part.seconds * 1'000'000 + part.microseconds));
+    } else if constexpr (requires { part.begin(); }) {
+      values.insert(values.end(), part.begin(), part.end());
+    } else {
+      values.push_back(part);
+    }
+  };
+  (add(parts), ...);
+  return values;
+}
+
 // A started sampler over a fake host, and what it says.
 class SamplerTest : public testing::Test {
  protected:

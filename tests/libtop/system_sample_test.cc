@@ -12,44 +12,50 @@ namespace {
 
 constexpr std::uint64_t kMiB = 1 << 20;
 
-TimeStamp at(std::int64_t seconds, std::int32_t microseconds = 0) {
-  return {.seconds = seconds, .microseconds = microseconds};
-}
-
-PropertyTable statistics(std::int64_t reads, std::int64_t read_bytes, std::int64_t writes,
-                         std::int64_t written_bytes) {
-  const auto number = [](std::int64_t value) { return PropertyValue{value}; };
-  return {{"Operations (Read)", number(reads)},
-          {"Bytes (Read)", number(read_bytes)},
-          {"Operations (Write)", number(writes)},
-          {"Bytes (Write)", number(written_bytes)}};
+PropertyTable statistics(std::int64_t first) {
+  PropertyTable table;
+  for (const char* key : {"Operations (Read)", "Operations (Write)", "Bytes (Read)", "Bytes (Write)"}) {
+    table.set(key, PropertyValue{first++});
+  }
+  return table;
 }
 
 class SystemSampleTest : public SamplerTest {
  protected:
-  // Of the eight totals, in the order of their fields.
-  static std::vector<std::uint64_t> totals(std::uint64_t Total64::*part) {
+  struct Part {
+    TimeStamp SystemSample::*time;
+    CpuTicks SystemSample::*cpu;
+    VmStatistics64 SystemSample::*vm;
+    std::uint64_t Total64::*total;
+  };
+  static constexpr Part kNow = {&SystemSample::time, &SystemSample::cpu, &SystemSample::vm,
+                                &Total64::current};
+  static constexpr Part kBefore = {&SystemSample::time_prev, &SystemSample::cpu_prev, &SystemSample::vm_prev,
+                                   &Total64::previous};
+  static constexpr Part kBeginning = {&SystemSample::time_begin, &SystemSample::cpu_begin,
+                                      &SystemSample::vm_begin, &Total64::begin};
+
+  // Time, ticks, faults, and the eight totals.
+  static Values figures(const Part& part) {
     const SystemSample& s = *libtop_tsamp();
-    std::vector<std::uint64_t> values;
+    Values values = flat(s.*part.time, (s.*part.cpu).user, (s.*part.vm).faults);
     for (const Total64& total : {s.net_in_packets, s.net_out_packets, s.net_in_bytes, s.net_out_bytes,
                                  s.disk_read_ops, s.disk_write_ops, s.disk_read_bytes, s.disk_write_bytes}) {
-      values.push_back(total.*part);
+      values.push_back(total.*part.total);
     }
     return values;
   }
 };
 
-using Values = std::vector<std::uint64_t>;
-
 TEST_F(SystemSampleTest, CurrentBeginAndPreviousValuesOverThreeSamples) {
   kernel.memory_bytes = 8ULL << 30;
-  kernel.time = at(100, 5);
+  kernel.time = {.seconds = 100, .microseconds = 5};
   kernel.ticks = {.user = 1, .system = 2, .idle = 3, .nice = 4};
   ASSERT_EQ(start(), 0);
   EXPECT_EQ(libtop_tsamp()->page_size, kPage);
   EXPECT_EQ(libtop_tsamp()->mem_size, 8ULL << 30);
 
-  kernel.time = at(200);
+  kernel.time = {.seconds = 200, .microseconds = 0};
   kernel.ticks.user = 11;
   kernel.vm.faults = 1000;
   kernel.load_averages = {0.1, 2.5, 1e10};
@@ -58,61 +64,44 @@ TEST_F(SystemSampleTest, CurrentBeginAndPreviousValuesOverThreeSamples) {
   kernel.interface_list = fake::FakeKernel::interfaceMessage({1, 2, 3, 4}) +
                           fake::FakeKernel::interfaceMessage({500, 500, 500, 500}, 14) +
                           fake::FakeKernel::interfaceMessage({10, 20, 30, 40});
-  host.device_registry.disks = {fake::FakeDeviceRegistry::diskWith(statistics(1, 2, 3, 4)),
-                                {},
-                                fake::FakeDeviceRegistry::diskWith({}),
-                                {.properties = PropertyTable{}},
-                                fake::FakeDeviceRegistry::diskWith(statistics(10, 20, 30, 40))};
+  auto& disks = host.device_registry.disks;
+  for (const auto& table : {statistics(1), PropertyTable{}, statistics(10)}) {
+    disks.push_back(fake::FakeDeviceRegistry::diskWith(table));
+    disks.push_back(
+        {.properties = table.find("Bytes (Read)") ? std::nullopt : std::optional(PropertyTable{})});
+  }
   const SystemSample first = sample();
   // The first sample does not read the clock, and its totals are where everything begins.
-  for (const TimeStamp& time : {first.time, first.time_begin, first.time_prev}) EXPECT_EQ(time, at(100, 5));
-  EXPECT_EQ(first.cpu.user, 11U);
-  EXPECT_EQ(first.cpu_prev.user, 1U);
+  const Values at_first = {100'000'005, 11, 1000, 11, 22, 33, 44, 11, 13, 15, 17};
+  Values at_start = at_first;
+  at_start[1] = 1;
+  EXPECT_EQ(figures(kNow), at_first);
+  EXPECT_EQ(figures(kBefore), at_start);
+  EXPECT_EQ(figures(kBeginning), at_start);
   EXPECT_EQ(first.loadavg, (std::array<float, 3>{0.1F, 2.5F, 1e10F}));
   EXPECT_EQ(first.vm, kernel.vm);
-  EXPECT_EQ(first.vm_begin, kernel.vm);
-  EXPECT_EQ(first.vm_prev, kernel.vm);
   EXPECT_EQ(first.swap, kernel.swap);
-  EXPECT_EQ(first.swap_valid, 1U);
-  EXPECT_EQ(first.purgeable_valid, 1U);
-  const Values beginning = {11, 22, 33, 44, 11, 33, 22, 44};
-  for (const auto part : {&Total64::current, &Total64::begin, &Total64::previous}) {
-    EXPECT_EQ(totals(part), beginning);
-  }
-  EXPECT_EQ(host.device_registry.held_services, 0);
-  EXPECT_EQ(host.device_registry.held_iterators, 0);
+  EXPECT_EQ(flat(first.swap_valid, first.purgeable_valid), (Values{1, 1}));
+  EXPECT_EQ(host.device_registry.held_services + host.device_registry.held_iterators, 0);
 
   kernel.ticks.user = 12;
   kernel.vm.faults = 2000;
   kernel.interface_list = fake::FakeKernel::interfaceMessage({100, 200, 300, 400});
-  host.device_registry.disks.pop_back();
-  const SystemSample second = sample();
-  EXPECT_EQ(second.time, at(200));
-  EXPECT_EQ(second.time_prev, at(100, 5));
-  EXPECT_EQ(second.cpu.user, 12U);
-  EXPECT_EQ(second.cpu_prev.user, 11U);
-  EXPECT_EQ(second.cpu_begin.user, 1U);
-  EXPECT_EQ(second.vm.faults, 2000U);
-  EXPECT_EQ(second.vm_prev.faults, 1000U);
-  EXPECT_EQ(second.vm_begin.faults, 1000U);
-  EXPECT_EQ(totals(&Total64::current), (Values{100, 200, 300, 400, 1, 3, 2, 4}));
-  EXPECT_EQ(totals(&Total64::previous), beginning);
-  EXPECT_EQ(totals(&Total64::begin), beginning);
+  disks.resize(4);
+  sample();
+  EXPECT_EQ(figures(kNow), (Values{200'000'000, 12, 2000, 100, 200, 300, 400, 1, 2, 3, 4}));
+  EXPECT_EQ(figures(kBefore), at_first);
 
   // What fails quietly in the third sample.
-  fail("host_statistics64");
-  fail("host_statistics");
-  fail("sysctl 2.5");
-  fail("sysctl 4.17 size");
+  for (const char* call : {"host_statistics64", "host_statistics", "sysctl 2.5", "sysctl 4.17 size"})
+    fail(call);
   host.device_registry.search_fails = true;
   const SystemSample third = sample();
-  EXPECT_EQ(third.vm.faults, 2000U);
-  EXPECT_EQ(third.vm_prev.faults, 2000U);
-  EXPECT_EQ(third.cpu, third.cpu_prev);
+  EXPECT_EQ(figures(kNow), (Values{200'000'000, 12, 2000, 0, 0, 0, 0, 1, 2, 3, 4}));
+  EXPECT_EQ(figures(kBefore), (Values{200'000'000, 12, 2000, 100, 200, 300, 400, 11, 13, 15, 17}));
+  EXPECT_EQ(figures(kBeginning), at_start);
   EXPECT_EQ(third.swap_valid, 0U);
   EXPECT_EQ(third.swap, kernel.swap);
-  EXPECT_EQ(totals(&Total64::current), (Values{0, 0, 0, 0, 1, 3, 2, 4}));
-  EXPECT_EQ(totals(&Total64::previous), (Values{100, 200, 300, 400, 11, 33, 22, 44}));
   EXPECT_EQ(messages, (std::vector<std::string>{"Error in host_statistics(): failure",
                                                 "Error in DeviceRegistryFindServices()"}));
 }
@@ -149,51 +138,47 @@ TEST_F(SystemSampleTest, CallsInOrder) {
             "findServices BlockStorageDriver; copyProperties; releaseService; resetServices; ");
 }
 
-TEST_F(SystemSampleTest, FailedPropertyCopyLeavesPartialSums) {
-  host.device_registry.disks = {fake::FakeDeviceRegistry::diskWith(statistics(1, 2, 3, 4)),
-                                {.properties = {}, .copy_fails = true},
-                                fake::FakeDeviceRegistry::diskWith(statistics(10, 20, 30, 40))};
-  sample();
-  EXPECT_EQ(totals(&Total64::current), (Values{0, 0, 0, 0, 1, 3, 2, 4}));
-  EXPECT_EQ(totals(&Total64::begin), Values(8));
+TEST_F(SystemSampleTest, BrokenListsCountWhatIsWhole) {
+  const std::string whole = fake::FakeKernel::interfaceMessage({1, 2, 3, 4});
+  constexpr std::size_t kShortest = interface_message::kInformation64Bytes;
+  const auto message = [&whole](std::size_t bytes, std::size_t told_bytes) {
+    std::string text = whole.substr(0, bytes);
+    text[0] = static_cast<char>(told_bytes);
+    return text;
+  };
+  for (const std::string& list :
+       {whole + "\x01", whole + message(100, 101), message(kShortest - 1, kShortest - 1) + whole,
+        message(kShortest, kShortest), whole + message(8, 0)}) {
+    kernel.interface_list = list;
+    EXPECT_EQ(sample().net_out_bytes.current, 4U);
+  }
+  fail("sysctl 4.17");
+  host.device_registry.disks = {fake::FakeDeviceRegistry::diskWith(statistics(1)),
+                                {.properties = {}, .copy_fails = true}};
+  const SystemSample& tsamp = sample();
+  EXPECT_EQ(flat(tsamp.net_out_bytes.current, tsamp.net_out_bytes.previous), (Values{0, 4}));
+  // The service that could not be copied is not released.
+  EXPECT_EQ(flat(tsamp.disk_read_ops.current, tsamp.disk_read_ops.begin), (Values{1, 0}));
   EXPECT_EQ(host.device_registry.held_services, 1);
   EXPECT_EQ(host.device_registry.held_iterators, 0);
   EXPECT_EQ(messages, std::vector<std::string>{"Error in DeviceRegistryCopyProperties()"});
-}
-
-TEST_F(SystemSampleTest, BrokenInterfaceListsCountWhatIsWhole) {
-  const std::string whole = fake::FakeKernel::interfaceMessage({1, 2, 3, 4});
-  std::string too_long = whole;
-  too_long[0] = static_cast<char>(0xFF);
-  std::string short_information = whole.substr(0, 100);
-  short_information[0] = 100;
-  const std::string no_length(8, '\0');
-  const std::string kLists[] = {whole + "\x01", whole + too_long, short_information + whole,
-                                whole + no_length};
-  for (const std::string& list : kLists) {
-    kernel.interface_list = list;
-    sample();
-    EXPECT_EQ(libtop_tsamp()->net_out_bytes.current, 4U);
-  }
-  fail("sysctl 4.17");
-  sample();
-  EXPECT_EQ(libtop_tsamp()->net_out_bytes.current, 0U);
-  EXPECT_EQ(libtop_tsamp()->net_out_bytes.previous, 4U);
+  // And in a first sample that fails so, nothing begins.
+  ASSERT_EQ(start(), 0);
+  EXPECT_EQ(sample().disk_read_ops.begin, 0U);
 }
 
 TEST_F(SystemSampleTest, KernelWithoutPurgeCounters) {
   kernel.vm.purges = 7;
   kernel.vm.purgeable_count = 8;
   kernel.vm_count = 36;
-  EXPECT_EQ(sample().purgeable_valid, 0U);
-  EXPECT_EQ(libtop_tsamp()->vm.purges, 0U);
-  EXPECT_EQ(libtop_tsamp()->vm.purgeable_count, 0U);
+  kernel.load_averages_result = 0;  // none is no failure
+  const SystemSample& tsamp = sample();
+  EXPECT_EQ(flat(tsamp.purgeable_valid, tsamp.vm.purges, tsamp.vm.purgeable_count), Values(3));
 }
 
 TEST_F(SystemSampleTest, ReservedMemoryIsWiredInStepsOf128MiB) {
-  using Reserved = std::map<std::string, std::uint64_t, std::less<>>;
   struct Case {
-    Reserved bytes;
+    std::map<std::string, std::uint64_t, std::less<>> bytes;
     std::uint64_t counted_bytes;
   };
   const Case kCases[] = {
@@ -219,6 +204,9 @@ TEST_F(SystemSampleTest, ReservedMemoryIsWiredInStepsOf128MiB) {
   EXPECT_EQ(std::count(host.calls.begin(), host.calls.end(), "sysctlnametomib machdep.memmap.Other"), 1);
   kernel.reserved_bytes = kCases[2].bytes;
   kernel.reserved_length_bytes = 4;
+  ASSERT_EQ(start(), 0);
+  EXPECT_EQ(sampler.reserved_pages, 0U);
+  kernel.page_size_bytes = 0;
   ASSERT_EQ(start(), 0);
   EXPECT_EQ(sampler.reserved_pages, 0U);
 }
@@ -260,8 +248,7 @@ TEST_F(SystemSampleTest, SampleThatFails) {
     std::size_t ports_left;
     std::size_t arrays_left;
     std::vector<std::int32_t> walked;
-    std::uint32_t
-        total;  // of bytes, regions and pages: those of the sample before, unless it came to its own
+    std::uint64_t total;  // of bytes, regions and pages: of the sample before, unless it came to its own
   };
   const Case kCases[] = {
       {"gettimeofday", "", 0, 0, {}, 2},
@@ -280,7 +267,7 @@ TEST_F(SystemSampleTest, SampleThatFails) {
     messages.clear();
     kernel.ticks.user = 10;
     ASSERT_EQ(start(), 0);
-    kernel.time = at(200);
+    kernel.time.seconds = 200;
     sample();
     kernel.ticks.user = 20;
     sample();
@@ -288,21 +275,16 @@ TEST_F(SystemSampleTest, SampleThatFails) {
     const std::size_t arrays_before = kernel.lentArrays();
     ASSERT_EQ(libtop_tsamp()->cpu_prev.user, 10U);
     kernel.ticks.user = 30;
-    kernel.time = at(300);
+    kernel.time.seconds = 300;
     fail(c.call, fake::FakeKernel::kNoProcess, kKernelFailure);
     EXPECT_EQ(libtop_sample(true, true), -1) << c.call;
     EXPECT_EQ(messages, *c.message ? std::vector<std::string>{c.message} : std::vector<std::string>{});
     EXPECT_EQ(kernel.lentPorts() - ports_before, c.ports_left) << c.call;
     EXPECT_EQ(kernel.lentArrays() - arrays_before, c.arrays_left) << c.call;
-    const SystemSample& tsamp = *libtop_tsamp();
-    EXPECT_EQ(tsamp.seq, 3U);
-    EXPECT_EQ(tsamp.cpu.user, 20U);
-    EXPECT_EQ(tsamp.cpu_prev.user, 20U);
-    EXPECT_EQ(tsamp.time_prev, at(200));
-    EXPECT_EQ(tsamp.threads, 2U);
-    EXPECT_EQ(tsamp.virtual_total, c.total) << c.call;
-    EXPECT_EQ(tsamp.region_count_total, c.total);
-    EXPECT_EQ(tsamp.private_resident_total, c.total * kPage);
+    const SystemSample& s = *libtop_tsamp();
+    EXPECT_EQ(flat(s.seq, s.cpu.user, s.cpu_prev.user, s.time_prev, s.threads, s.virtual_total,
+                   s.region_count_total, s.private_resident_total),
+              (Values{3, 20, 20, 200'000'000, 2, c.total, c.total, c.total * kPage}));
     EXPECT_EQ(walked(), c.walked) << c.call;
   }
 }
@@ -391,9 +373,16 @@ TEST_F(SystemSampleDeathTest, NoMemoryForTheInterfaceListEndsTheProcess) {
       testing::ExitedWithCode(1), "^malloc failed\n$");
 }
 
-TEST_F(SystemSampleDeathTest, WalkBeforeTheFirstSample) {
+TEST_F(SystemSampleDeathTest, PromisesThatAreBroken) {
   ASSERT_EQ(start(), 0);
   EXPECT_DEATH(libtop_piterate(), "libtop_piterate: libtop:502: .*: tsamp.seq != 0");
+  kernel.addTask(0, "");  // the kernel, taken for the launcher
+  EXPECT_DEATH(libtop_sample(true, false), "libtop_p_proc_command: libtop:2091: .*: pinfo->psamp.pid != 0");
+  const ProcessInfo pinfo = {};
+  EXPECT_DEATH(libtop_p_pinfo_pid_comp(nullptr, &pinfo),
+               "libtop_p_pinfo_pid_comp: libtop:2312: .*: a != NULL");
+  EXPECT_DEATH(libtop_p_pinfo_pid_comp(&pinfo, nullptr),
+               "libtop_p_pinfo_pid_comp: libtop:2313: .*: b != NULL");
 }
 
 }  // namespace

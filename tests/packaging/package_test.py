@@ -3,19 +3,22 @@
 import os
 import pathlib
 import subprocess
-import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
 import host
 import systemd_host
 import volorn_units as units
-from systemd_host import run, waitFor
+from systemd_host import run
+from volorn_units import systemctl
 
 PACKAGES = pathlib.Path("/var/tmp/volorn-package")
-ENABLED = {"/etc/systemd/system/multi-user.target.wants/volorn.service",
-           "/etc/systemd/system/timers.target.wants/volorn-guard.timer"}
+ENABLED = {
+    "/etc/systemd/system/multi-user.target.wants/volorn.service",
+    "/etc/systemd/system/multi-user.target.wants/volorn-note-boot.service",
+    "/etc/systemd/system/sleep.target.wants/volorn-note-sleep.service",
+    "/etc/systemd/system/timers.target.wants/volorn-guard.timer",
+}
 # Of dpkg, of its triggers, and of those who are at work all the time, on the machine itself as well.
-OTHERS = ("/var/tmp/", "/var/lib/dpkg/", "/var/log/", "/var/cache/", "/run/log/", "/run/systemd/", "/etc/.pwd.lock")
+OTHERS = "/var/tmp/ /var/lib/dpkg/ /var/log/ /var/cache/ /run/log/ /run/systemd/ /etc/.pwd.lock".split()
 # A user's number is never given to another, so the user stays.
 USERS = {f"/etc/{name}{old}" for name in ("passwd", "group", "shadow", "gshadow") for old in ("", "-")}
 
@@ -27,7 +30,8 @@ LINK = TEXTFILES / "volorn.prom"
 
 def prepare():
     TEXTFILES.mkdir(parents=True, exist_ok=True)
-    run("cpack", "--config", f"{systemd_host.BUILD}/CPackConfig.cmake", "-B", str(PACKAGES), stderr=subprocess.DEVNULL)
+    configuration = f"{systemd_host.BUILD}/CPackConfig.cmake"
+    run("cpack", "--config", configuration, "-B", str(PACKAGES), stderr=subprocess.DEVNULL)
 
 
 def dpkg(*arguments):
@@ -45,14 +49,13 @@ def files():
         for folder, folders, names in os.walk(top):
             for name in folders + names:
                 path = os.path.join(folder, name)
-                if not path.startswith(OTHERS):
-                    try:
-                        status = os.lstat(path)
-                    except FileNotFoundError:  # gone since it was listed
-                        continue
-                    found[path] = (status.st_mode, status.st_uid, status.st_gid,
-                                   0 if os.path.isdir(path) else status.st_size)
-    return found
+                try:
+                    status = os.lstat(path)
+                except FileNotFoundError:  # gone since it was listed
+                    continue
+                size = 0 if os.path.isdir(path) else status.st_size
+                found[path] = (status.st_mode, status.st_uid, status.st_gid, size)
+    return {path: what for path, what in found.items() if not path.startswith(tuple(OTHERS))}
 
 
 def enabled():
@@ -61,11 +64,11 @@ def enabled():
 
 class PackageTest(units.Test):
     def assertChainGoesOn(self):
-        self.assertTrue(waitFor(host.FILE.exists))
+        self.assertComesTrue(host.FILE.exists)
         self.assertTimerAt(units.row)
 
     def assertNothingStarts(self):
-        self.assertEqual(run("systemctl", "list-units", "--plain", "--no-legend", "volorn*"), "")
+        self.assertEqual(systemctl("list-units --plain --no-legend volorn*"), "")
         self.assertEqual(units.active(), "")
 
     def testWholeLife(self):
@@ -73,7 +76,8 @@ class PackageTest(units.Test):
         install()
         self.assertChainGoesOn()
         first = host.readState()
-        host.Test.checkRun(self, host.State(), first)
+        self.checkRun(host.State(), first)
+        self.assertEqual(units.journal("volornd")[:2], host.NEW)
         self.assertEqual(enabled(), ENABLED)
         self.assertTrue(LINK.read_text().endswith("# EOF\n"))
 
@@ -83,15 +87,15 @@ class PackageTest(units.Test):
             dpkg("--triggers-only", "volorn")
             self.assertTrue(LINK.is_file())
         with self.subTest("upgraded"):
-            run("systemctl", "stop", "volorn.timer")
+            systemctl("stop volorn.timer")
             install()
             self.assertChainGoesOn()
             self.assertEqual(host.readState().snapshots, first.snapshots)
         with self.subTest("upgraded where somebody has disabled it"):
-            run("systemctl", "disable", "volorn.service", stderr=subprocess.DEVNULL)
+            systemctl("disable volorn.service", stderr=subprocess.DEVNULL)
             install()
-            self.assertEqual(enabled(), {path for path in ENABLED if path.endswith(".timer")})
-            run("systemctl", "enable", "volorn.service", stderr=subprocess.DEVNULL)
+            self.assertEqual(enabled(), {path for path in ENABLED if not path.endswith("/volorn.service")})
+            systemctl("enable volorn.service", stderr=subprocess.DEVNULL)
         with self.subTest("removed"):
             dpkg("--remove", "volorn")
             self.assertNothingStarts()

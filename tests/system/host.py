@@ -5,12 +5,15 @@ and /sys/class are theirs, and nothing listens to the system log, so that the da
 A test file ends with host.main(); its first argument is the folder of the built programs.
 """
 
+import collections
 import contextlib
 import ctypes
 import dataclasses
 import fcntl
+import multiprocessing
 import os
 import pathlib
+import re
 import shutil
 import socket
 import sqlite3
@@ -19,6 +22,7 @@ import subprocess
 import sys
 import tempfile
 import time
+import traceback
 import unittest
 
 sys.dont_write_bytecode = True
@@ -29,6 +33,7 @@ VOLORNCTL = str(PROGRAMS / "volornctl")
 LIB = pathlib.Path("/var/lib")
 STATE = LIB / "volorn"
 FILE = STATE / "volorn.db"
+TRACE = LIB / "trace"
 SYS_CLASS = pathlib.Path("/sys/class")
 
 DAY_SECONDS = 86400
@@ -36,29 +41,43 @@ REFERENCE_DATE = 978307200  # in seconds since 1970
 JOB = "com.zorvik.volorn.logcreation"
 
 PREFIX = "com.zorvik.snapshot."
-KEYS = ("wakeupSecsSinceMidnight plannedSecsSinceMidnight nextSecsSinceMidnight thermalLevel "
-        "battery.usageSecs100x battery.standbySecs100x battery.fullyChargedOnce battery.chargedPct100x "
-        "battery.maxCapacity battery.pluggedIn battery.fullyCharged backlightLevel100x uptime.Secs100x "
-        "uptime.load1Min100x uptime.load5Min100x uptime.load15Min100x jetsamLevel").split()
+KEYS = (
+    "wakeupSecsSinceMidnight plannedSecsSinceMidnight nextSecsSinceMidnight thermalLevel "
+    "battery.usageSecs100x battery.standbySecs100x battery.fullyChargedOnce battery.chargedPct100x "
+    "battery.maxCapacity battery.pluggedIn battery.fullyCharged backlightLevel100x uptime.Secs100x "
+    "uptime.load1Min100x uptime.load5Min100x uptime.load15Min100x jetsamLevel"
+).split()
 # Without battery; there is no planned time on the first day.
 LATER_KEYS = [key for key in KEYS if key not in ("battery.chargedPct100x", "battery.maxCapacity")]
 FIRST_KEYS = [key for key in LATER_KEYS if key != "plannedSecsSinceMidnight"]
 
 # Readings that are the same on every machine when it shows no device.
 WITHOUT_DEVICES = {
-    "thermalLevel": 0, "battery.usageSecs100x": -100, "battery.standbySecs100x": -100,
-    "battery.fullyChargedOnce": 0, "battery.pluggedIn": 0, "battery.fullyCharged": 0,
+    "thermalLevel": 0,
+    "battery.usageSecs100x": -100,
+    "battery.standbySecs100x": -100,
+    "battery.fullyChargedOnce": 0,
+    "battery.pluggedIn": 0,
+    "battery.fullyCharged": 0,
     "backlightLevel100x": 0,
 }
 
-NEW = ["WTD job doesn't exist",
-       "No wakeupTime set in preferences - either first time, or first after an erase install"]
-LATE = ["WTD job already exists",
-        "Woke up too late, will mark that we were likely asleep at the time and exit"]
-EARLY = ["WTD job already exists",
-         "Woke up before 30.000000 seconds from due time, so not resetting planned wake up time",
-         "wakeupstatus was wakeupstatus too early"]
+NEW = [
+    "WTD job doesn't exist",
+    "No wakeupTime set in preferences - either first time, or first after an erase install",
+]
+LATE = [
+    "WTD job already exists",
+    "Woke up too late, will mark that we were likely asleep at the time and exit",
+]
+EARLY = [
+    "WTD job already exists",
+    "Woke up before 30.000000 seconds from due time, so not resetting planned wake up time",
+    "wakeupstatus was wakeupstatus too early",
+]
 HAS_ONE = "already dumped today!!"
+CLEARS = "clearing it, so that the daemon plans anew"
+STAYS = "it stays until the clock is synchronised or the machine has been up for 48 hours"
 AGAIN = "rescheduling current trigger and not dumping the log"
 
 # A user besides root, where there can be one: an ordinary user's namespace may hold that user alone.
@@ -88,15 +107,88 @@ def mounted(*arguments):
         subprocess.run(["umount", "--lazy", arguments[-1]], check=True)
 
 
+def waitFor(condition, seconds=300):
+    """What the condition gives as soon as it is true; else its last answer."""
+    deadline = time.monotonic() + seconds
+    while not (answer := condition()) and time.monotonic() < deadline:
+        time.sleep(0.005)
+    return answer
+
+
+def keepOffMidnight(seconds):
+    """A row that stays open is started again then."""
+    if (left := DAY_SECONDS - time.time() % DAY_SECONDS) < seconds:
+        time.sleep(left + 1)
+
+
+def run(*command, **options):
+    """Its status, standard output and standard error."""
+    options = {"stdin": subprocess.DEVNULL, "text": True, "timeout": 600, **options}
+    done = subprocess.run(command, **{"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **options})
+    return done.returncode, done.stdout, done.stderr
+
+
+def reachable(program):
+    """A copy that every user may start, wherever the build folder lies."""
+    copy = LIB / os.path.basename(program)
+    if not copy.exists():
+        shutil.copy(program, copy)
+    return str(copy)
+
+
+def traced(command, *rules):
+    """The command under strace with these rules (trace=..., inject=...)."""
+    words = [word for rule in rules for word in ("-e", rule)]
+    return ["strace", "-f", "-qq", "-o", str(TRACE), *words, *command]
+
+
+def tracedCalls(names=r"\w+"):
+    """(name, ordinal) of each, of those whose name is such."""
+    seen = collections.Counter()
+    for name in re.findall(rf"^\d+ +({names})\(", TRACE.read_text(), re.MULTILINE):
+        seen[name] += 1
+        yield name, seen[name]
+
+
+def killedAt(command, name, ordinal, *rules):
+    """Whether it met this call of its own, and ended there."""
+    kill = f"inject={name}:signal=SIGKILL:when={ordinal}"
+    status, _, errors = run(*traced(command, *(rules or [f"trace={name}"]), kill))
+    if status not in (0, -9):
+        raise AssertionError(errors)
+    return status != 0
+
+
 @dataclasses.dataclass
 class State:
     """What a state file holds. Dates are seconds since the reference date."""
+
     preferences: dict = dataclasses.field(default_factory=dict)
     jobs: dict = dataclasses.field(default_factory=dict)  # name: window
     snapshots: list = dataclasses.field(default_factory=list)  # of (time taken, metrics in order)
+    version: int = 0  # of its schema
+    identity: bytes = None
 
     def metrics(self):
         return self.snapshots[-1][1]
+
+
+# The tables that each version of the schema adds, as the daemon makes them.
+SCHEMA = (pathlib.Path(__file__).parents[2] / "platform/linux/state/schema.cc").read_text()
+VERSIONS = [text.split(";\n\n") for text in re.findall(r'R"sql\((.*?)\)sql"', SCHEMA, re.DOTALL)]
+TO_FIRST_VERSION = (
+    "DROP TABLE usage_books",
+    "DROP TABLE file",
+    "DROP TABLE stand_in",
+    "PRAGMA user_version = 1",
+)
+
+
+def createTables(database):
+    """In an empty one, within the transaction that is under way: the daemon takes no others for its own."""
+    marks = [f"PRAGMA application_id = {0x766F6C6E}", f"PRAGMA user_version = {len(VERSIONS)}"]
+    for statement in marks + sum(VERSIONS, []) + ["INSERT INTO file VALUES (randomblob(16), 1)"]:
+        database.execute(statement)
 
 
 @contextlib.contextmanager
@@ -123,19 +215,24 @@ def readState(file=FILE):
             return state
         state.preferences = dict(database.execute("SELECT key, value FROM preference"))
         state.jobs = {row[0]: row[1:] for row in database.execute("SELECT * FROM job")}
-        for number, taken_at in database.execute("SELECT * FROM snapshot ORDER BY id").fetchall():
-            rows = database.execute(
-                "SELECT name, value FROM metric JOIN metric_key ON id = key_id WHERE snapshot_id = ? "
-                "ORDER BY position", [number])
-            state.snapshots.append((taken_at, {name.removeprefix(PREFIX): value for name, value in rows}))
+        (state.version,) = database.execute("PRAGMA user_version").fetchone()
+        if state.version > 1:
+            (state.identity,) = database.execute("SELECT identity FROM file").fetchone()
+        names = dict(database.execute("SELECT * FROM metric_key"))
+        taken = dict(database.execute("SELECT * FROM snapshot ORDER BY id"))
+        metrics = {number: {} for number in taken}
+        for number, key, value in database.execute(
+            "SELECT snapshot_id, key_id, value FROM metric ORDER BY snapshot_id, position"
+        ):
+            metrics[number][names[key].removeprefix(PREFIX)] = value
+        state.snapshots = list(zip(taken.values(), metrics.values()))
     return state
 
 
 def readCopy(files):
     """What everyone sees who opens these files, which stay as they are for the next start to mend."""
     with tempfile.TemporaryDirectory(dir=LIB) as copy:
-        for name, content in files.items():
-            (pathlib.Path(copy) / name).write_bytes(content)
+        fill(files, pathlib.Path(copy))
         return readState(pathlib.Path(copy) / FILE.name)
 
 
@@ -148,9 +245,11 @@ def editState(*statements):
 def age(days):
     """Makes everything in the state file older, the plan for tomorrow as well."""
     seconds = days * DAY_SECONDS
-    editState(f"UPDATE preference SET value = value - iif(kind = 'date', {seconds}.0, {days})",
-              f"UPDATE job SET window_start = window_start - {seconds}, window_end = window_end - {seconds}",
-              f"UPDATE snapshot SET taken_at = taken_at - {seconds}")
+    editState(
+        f"UPDATE preference SET value = value - iif(kind = 'date', {seconds}.0, {days})",
+        f"UPDATE job SET window_start = window_start - {seconds}, window_end = window_end - {seconds}",
+        f"UPDATE snapshot SET taken_at = taken_at - {seconds}",
+    )
 
 
 def save(folder=STATE):
@@ -159,16 +258,25 @@ def save(folder=STATE):
     return {path.name: path.read_bytes() for path in files}
 
 
+def fill(files, folder=STATE):
+    for name, content in files.items():
+        (folder / name).write_bytes(content)
+
+
 def restore(files, owner=None):
     """The folder with these files and no others; none at all for None."""
     shutil.rmtree(STATE, ignore_errors=True)
     if files is None:
         return
     STATE.mkdir()
-    for name, content in files.items():
-        (STATE / name).write_bytes(content)
+    fill(files)
     for path in [STATE, *STATE.iterdir()] if owner else []:
         shutil.chown(path, owner, owner)
+
+
+def setAside():
+    """The content of each state file that a run found damaged."""
+    return [path.read_bytes() for path in STATE.glob("volorn.db.damaged-????????T??????Z")]
 
 
 def owners():
@@ -181,18 +289,30 @@ class Test(unittest.TestCase):
     maxDiff = None
 
     def setUp(self):
-        for arguments in (["-t", "tmpfs", "-o", "mode=755", "lib", str(LIB)],
-                          ["-t", "tmpfs", "-o", "mode=755", "class", str(SYS_CLASS)]):
+        for arguments in (
+            ["-t", "tmpfs", "-o", "mode=755", "lib", str(LIB)],
+            ["-t", "tmpfs", "-o", "mode=755", "class", str(SYS_CLASS)],
+        ):
             self.enterContext(mounted(*arguments))
         if os.path.exists("/dev/log"):
             self.enterContext(mounted("--bind", "/dev/null", os.path.realpath("/dev/log")))
 
     def runDaemon(self, command=(VOLORND,), **options):
         """Returns the lines of the log."""
-        done = subprocess.run(list(command), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.PIPE, text=True, timeout=600, **options)
-        self.assertEqual((done.returncode, done.stdout), (0, ""), done.stderr)
-        return done.stderr.splitlines()
+        *ended, errors = run(*command, **options)
+        self.assertEqual(ended, [0, ""], errors)
+        return errors.splitlines()
+
+    def runAt(self, date, zone="UTC0"):
+        """At this moment, which no zone changes."""
+        fake = {"FAKETIME_DONT_FAKE_MONOTONIC": "1", "FAKETIME_FMT": "%s", "TZ": zone}
+        command = ["faketime", "-f", f"{date + REFERENCE_DATE:.0f}", VOLORND]
+        return self.runDaemon(command, env={**os.environ, **fake})
+
+    def runAs(self, user):
+        # The leak sanitizer cannot look into a process that has changed its user.
+        environment = {"ASAN_OPTIONS": "detect_leaks=0"}
+        return self.runDaemon([reachable(VOLORND)], user=user, group=user, extra_groups=[], env=environment)
 
     def makeStateOf(self, days):
         """The state after one run so many days ago. Returns the files."""
@@ -202,8 +322,10 @@ class Test(unittest.TestCase):
         return save()
 
     def checkRun(self, before, after):
-        """That the state is `before` and one day's run, whole."""
-        self.assertEqual(after.snapshots[:-1], before.snapshots)
+        """That the state is `before` and one day's run, whole; of 4,000 snapshots the oldest goes."""
+        self.assertEqual(after.snapshots[:-1], before.snapshots[-3999:])
+        self.assertEqual(after.version, len(VERSIONS))
+        self.assertEqual(after.identity, before.identity or after.identity)
         taken_at, metrics = after.snapshots[-1]
         self.assertEqual(list(metrics), LATER_KEYS if before.preferences else FIRST_KEYS)
         plan = after.preferences["nextPlannedWakeupTime"]
@@ -226,6 +348,19 @@ def enterOwnLib():
     if libc.unshare(0x20000) != 0:  # CLONE_NEWNS
         raise OSError(ctypes.get_errno(), "unshare")
     subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=755", "lib", str(LIB)], check=True)
+
+
+def attempt(work, case):
+    try:
+        return work(*case), None
+    except Exception:
+        return None, f"{case[0]}, {case[3:]}:\n{traceback.format_exc()}"
+
+
+def tryAll(work, cases):
+    """What each gives and, as text, why it failed; by several processes with a /var/lib each."""
+    with multiprocessing.Pool(os.cpu_count(), enterOwnLib) as pool:
+        return pool.starmap(attempt, [(work, case) for case in cases], chunksize=4)
 
 
 def raiseLoopback():

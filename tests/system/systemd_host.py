@@ -12,8 +12,9 @@ import shutil
 import signal
 import subprocess
 import sys
-import time
 import unittest
+
+from host import waitFor
 
 sys.dont_write_bytecode = True
 
@@ -24,8 +25,13 @@ OVERLAID = ("usr", "etc", "var")
 SKIPPED = 77  # as CTest is told
 
 # All that a boot starts besides what a test file enables: the machine's own services would touch the machine.
-WANTED = {"dbus.service", "dbus.socket", "systemd-journald.service", "systemd-journald.socket",
-          "systemd-journald-dev-log.socket"}
+WANTED = {
+    "dbus.service",
+    "dbus.socket",
+    "systemd-journald.service",
+    "systemd-journald.socket",
+    "systemd-journald-dev-log.socket",
+}
 UNITS = pathlib.Path("/lib/systemd/system")
 ADMIN = pathlib.Path("/etc/systemd")
 
@@ -36,14 +42,6 @@ def run(*command, **options):
     """Its standard output; raises when it fails."""
     options = {"check": True, "stdout": subprocess.PIPE, "text": True, "stdin": subprocess.DEVNULL, **options}
     return subprocess.run(command, **options).stdout
-
-
-def waitFor(condition, seconds=300):
-    """What the condition gives as soon as it is true; else its last answer."""
-    deadline = time.monotonic() + seconds
-    while not (answer := condition()) and time.monotonic() < deadline:
-        time.sleep(0.01)
-    return answer
 
 
 def mount(kind, target, *options, source=None):
@@ -59,8 +57,9 @@ def makeDevices():
         run("mount", "--bind", f"/dev/{name}", str(path))
     mount("devpts", f"{MADE}/dev/pts", "-o", "newinstance,ptmxmode=666")
     mount("tmpfs", f"{MADE}/dev/shm")
-    for name, target in (("ptmx", "pts/ptmx"), ("fd", "/proc/self/fd"), ("stdin", "/proc/self/fd/0"),
-                         ("stdout", "/proc/self/fd/1"), ("stderr", "/proc/self/fd/2")):
+    descriptors = {"fd": "", "stdin": "/0", "stdout": "/1", "stderr": "/2"}
+    links = {"ptmx": "pts/ptmx", **{name: f"/proc/self/fd{end}" for name, end in descriptors.items()}}
+    for name, target in links.items():
         pathlib.Path(MADE, "dev", name).symlink_to(target)
     run("mount", "--no-mtab", "--move", f"{MADE}/dev", "/dev")
 
@@ -103,8 +102,10 @@ def emptyTheMachine():
         replace(ADMIN / "system" / unit)
     replace(pathlib.Path("/etc/fstab"), "")
     replace(pathlib.Path("/etc/machine-id"), "0123456789abcdef0123456789abcdef\n")
-    replace(ADMIN / "journald.conf.d/test.conf",
-            "[Journal]\nStorage=volatile\nRateLimitIntervalSec=0\nForwardToSyslog=no\n")
+    replace(
+        ADMIN / "journald.conf.d/test.conf",
+        "[Journal]\nStorage=volatile\nRateLimitIntervalSec=0\nForwardToSyslog=no\n",
+    )
     # By which a container forbids packages to start anything.
     pathlib.Path("/usr/sbin/policy-rc.d").unlink(missing_ok=True)
     for path in ("/var/lib/volorn", "/var/log/journal"):
@@ -129,8 +130,8 @@ def becomeSystemd(prepare):
     prepare()
     coverTemporaryFolders()
     os.environ["container"] = "unshare"
-    os.execv("/lib/systemd/systemd", ["systemd", "--system", "--unit=multi-user.target", "--show-status=no",
-                                      "--log-target=journal-or-kmsg"])
+    words = "systemd --system --unit=multi-user.target --show-status=no --log-target=journal-or-kmsg"
+    os.execv("/lib/systemd/systemd", words.split())
 
 
 def controlGroupRoot():
@@ -149,16 +150,21 @@ def removeControlGroup(group):
             except OSError:  # its processes have not gone yet
                 pass
         return not group.exists()
+
     waitFor(removed, seconds=60)
 
 
 def boot(group):
     def enter():
         (group / "cgroup.procs").write_text(str(os.getpid()))
+
+    words = "unshare --kill-child=KILL --fork --pid --mount --uts --ipc --net --cgroup --propagation private"
     return subprocess.Popen(
-        ["unshare", "--kill-child=KILL", "--fork", "--pid", "--mount", "--uts", "--ipc", "--net", "--cgroup",
-         "--propagation", "private", "--mount-proc", sys.executable, *sys.argv],
-        env={**os.environ, STAGE: "boot"}, stdin=subprocess.DEVNULL, preexec_fn=enter)
+        [*words.split(), "--mount-proc", sys.executable, *sys.argv],
+        env={**os.environ, STAGE: "boot"},
+        stdin=subprocess.DEVNULL,
+        preexec_fn=enter,
+    )
 
 
 def firstProcess(unshare):
@@ -166,8 +172,8 @@ def firstProcess(unshare):
     inside = run("pgrep", "-P", str(unshare.pid), check=False).split()
     if not inside:
         return None
-    state = run("nsenter", "-t", inside[0], "-a", "systemctl", "is-system-running", check=False,
-                stderr=subprocess.DEVNULL)
+    asked = f"nsenter -t {inside[0]} -a systemctl is-system-running"
+    state = run(*asked.split(), check=False, stderr=subprocess.DEVNULL)
     return inside[0] if state.strip() in ("running", "degraded") else None
 
 
@@ -183,8 +189,12 @@ def runInside():
         if not isinstance(first, str):
             print("systemd does not come up")
             return 1
-        inside = subprocess.run(["nsenter", "-t", first, "-a", sys.executable, *sys.argv],
-                                env={**os.environ, STAGE: "booted"}, stdin=subprocess.DEVNULL, check=False)
+        inside = subprocess.run(
+            ["nsenter", "-t", first, "-a", sys.executable, *sys.argv],
+            env={**os.environ, STAGE: "booted"},
+            stdin=subprocess.DEVNULL,
+            check=False,
+        )
         return inside.returncode
     finally:
         unshare.kill()

@@ -2,12 +2,12 @@
 
 import pathlib
 import subprocess
-import time
 import unittest
 
 import host
 import systemd_host
-from systemd_host import run, waitFor
+from host import waitFor
+from systemd_host import run
 
 DROP_INS = pathlib.Path("/run/systemd/system")
 RECORD = pathlib.Path("/run/waketide/arm.record")
@@ -20,7 +20,10 @@ def install():
     """As `cmake --install` and an administrator do."""
     run("cmake", "--install", str(systemd_host.BUILD))
     run("systemd-sysusers", "volorn.conf", stderr=subprocess.DEVNULL)
-    run("systemctl", "enable", "volorn.service", "volorn-guard.timer", stderr=subprocess.DEVNULL)
+    systemctl(
+        "enable volorn.service volorn-guard.timer volorn-note-boot.service volorn-note-sleep.service",
+        stderr=subprocess.DEVNULL,
+    )
 
 
 def timeOf(unit, interface, name):
@@ -56,30 +59,28 @@ def nextMidnight(time_us):
 
 def active():
     """Those of the services that are at work, or wait to be."""
-    return run("systemctl", "list-units", "--plain", "--no-legend", "--state=activating,deactivating,active",
-               *SERVICES) + run("systemctl", "list-jobs", "--no-legend")
+    at_work = "list-units --plain --no-legend --state=activating,deactivating,active"
+    return systemctl(f"{at_work} {' '.join(SERVICES)}") + systemctl("list-jobs --no-legend")
 
 
-def keepOffMidnight():
-    """A row that stays open is started again then."""
-    if (left := host.DAY_SECONDS - time.time() % host.DAY_SECONDS) < 300:
-        time.sleep(left + 1)
+def shows(unit, name):
+    return run("systemctl", "show", f"-P{name}", unit).strip()
 
 
-def settled():
-    return waitFor(lambda: not active())
+def systemctl(words, **options):
+    """The words of a command, which is to succeed."""
+    return run("systemctl", *words.split(), **options)
 
 
-def timerStandsAt(time_us):
-    """What `time_us` gives, once nothing is at work any more; for messages, False otherwise."""
-    return waitFor(lambda: elapse() == time_us() and not active())
+def stopTimer():
+    systemctl("stop volorn.timer", check=False, stderr=subprocess.DEVNULL)
 
 
 def dropIn(unit, *lines):
     folder = DROP_INS / f"{unit}.d"
     folder.mkdir(parents=True, exist_ok=True)
     (folder / "test.conf").write_text("\n".join(["[Service]", *lines, ""]))
-    run("systemctl", "daemon-reload")
+    systemctl("daemon-reload")
 
 
 def instead(command):
@@ -87,28 +88,36 @@ def instead(command):
 
 
 def journal(identifier, since_us=0):
-    return run("journalctl", "--quiet", "--output=cat", f"--identifier={identifier}",
-               f"--since=@{since_us / 1e6:.6f}").splitlines()
+    since = f"--since=@{since_us / 1e6:.6f}"
+    return run("journalctl", "--quiet", "--output=cat", f"--identifier={identifier}", since).splitlines()
 
 
 def reset(files):
     """The state file with these files, the units as installed, the timer at the row, and nothing at work."""
-    run("systemctl", "stop", "--quiet", "volorn.service", "volorn-guard.service")
-    run("systemctl", "stop", "--quiet", "volorn-arm.service")
+    systemctl("stop --quiet volorn.service volorn-guard.service")
+    systemctl("stop --quiet volorn-arm.service")
     for folder in DROP_INS.glob("volorn*.d"):
         (folder / "test.conf").unlink()
         folder.rmdir()
-    run("systemctl", "daemon-reload")
-    run("systemctl", "reset-failed")
+    systemctl("daemon-reload")
+    systemctl("reset-failed")
     host.restore(files, owner="volorn")
     for path in host.STATE.iterdir():
         path.chmod(0o600 if path.name == "volorn.lock" else 0o640)
-    run("systemctl", "start", "volorn-guard.service")
+    systemctl("start volorn-guard.service")
 
 
 class Test(unittest.TestCase):
     maxDiff = None
+    checkRun = host.Test.checkRun
+
+    def assertComesTrue(self, condition):
+        self.assertTrue(
+            waitFor(condition),
+            f"{elapse()} is when the timer elapses; at work: {active()!r}\n"
+            + run("journalctl", "--quiet", "--output=short-precise", "--lines=40"),
+        )
 
     def assertTimerAt(self, time_us):
-        self.assertTrue(timerStandsAt(time_us), f"{elapse()} is not {time_us()}; at work: {active()!r}\n" +
-                        run("journalctl", "--quiet", "--output=short-precise", "--lines=40"))
+        """What `time_us` gives, once nothing is at work any more: until then there may be no row, or no file."""
+        self.assertComesTrue(lambda: not active() and elapse() == time_us())

@@ -1,5 +1,6 @@
-"""That what bash completes is what the program takes, by the program's own help."""
+"""That what shells complete is what the program takes, by the program's own help."""
 
+import os
 import pathlib
 import re
 import subprocess
@@ -10,9 +11,10 @@ import unittest
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
 import host
 
-SCRIPT = pathlib.Path(__file__).parents[2] / "packaging/completion/volornctl.bash"
+LOADERS = pathlib.Path(__file__).parents[2] / "packaging/completion"
+ENVIRONMENT = {**os.environ, "PATH": f"{host.PROGRAMS}:{os.environ['PATH']}", "HOME": "/nonexistent"}
 # As bash itself calls it, with the words in its arguments and the last of them to be completed.
-CALL = """
+BASH = """
 compopt() { :; }
 . "$1"
 shift
@@ -21,18 +23,37 @@ COMP_CWORD=$(($# - 1))
 "$(complete -p volornctl | sed 's/.*-F \\([^ ]*\\).*/\\1/')"
 printf '%s\\n' "${COMPREPLY[@]}"
 """
+# The builtins that make completions are put aside, and what is asked of them is printed.
+ZSH = """
+compdef() { :; }
+_arguments() { print -rl -- "$@"; state=${STATE:-}; return 1 }
+_describe() { print -rl -- "${commands[@]}"; }
+words=("$2") STATE=$3
+source "$1"
+true
+"""
+
+
+def run(*command):
+    done = subprocess.run(
+        command, text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=ENVIRONMENT, check=True
+    )
+    assert done.stderr == "", done.stderr
+    return done.stdout
 
 
 def completed(*words):
-    done = subprocess.run(["bash", "--norc", "-c", CALL, "bash", str(SCRIPT), "volornctl", *words], check=True,
-                          text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-    assert done.stderr == "", done.stderr
-    return sorted(done.stdout.split())
+    output = run("bash", "--norc", "-c", BASH, "bash", str(LOADERS / "volornctl.bash"), "volornctl", *words)
+    return sorted(output.split())
+
+
+def by_fish(line):
+    output = run("fish", "--no-config", "-c", f"source {LOADERS}/volornctl.fish; complete -C '{line}'")
+    return sorted(entry.partition("\t")[0] for entry in output.splitlines())
 
 
 def help_of(*command):
-    return subprocess.run([host.VOLORNCTL, *command, "--help"], check=True, text=True,
-                          stdout=subprocess.PIPE).stdout
+    return run(host.VOLORNCTL, *command, "--help")
 
 
 def options_in(text):
@@ -40,32 +61,46 @@ def options_in(text):
 
 
 COMMANDS = re.findall(r"^  (\w+)", help_of().partition("Subcommands:")[2], re.MULTILINE)
+EVERYWHERE = options_in(help_of())
 
 
 class CompletionTest(unittest.TestCase):
     def test_commands_and_options(self):
-        everywhere = options_in(help_of())
         self.assertIn("history", COMMANDS)
+        self.assertNotIn("completion", COMMANDS)
         for words in ([""], ["--state-dir", "/", ""], ["--state-dir", "=", "/", ""]):
-            self.assertEqual(completed(*words), sorted(COMMANDS + everywhere), words)
+            self.assertEqual(completed(*words), sorted(COMMANDS + EVERYWHERE), words)
+        self.assertEqual(by_fish("volornctl "), sorted(COMMANDS))
+        described = run("zsh", "-fc", ZSH, "zsh", str(LOADERS / "volornctl.zsh"), "", "command")
+        self.assertEqual(re.findall(r"^([a-z]+):", described, re.MULTILINE), COMMANDS)
         for command in COMMANDS:
-            options = sorted(set(options_in(help_of(command)) + everywhere))
-            self.assertEqual(completed(command, ""), options, command)
-            self.assertEqual(completed("--state-dir", "/", command, "--json", "--"), options, command)
+            options = set(options_in(help_of(command)) + EVERYWHERE)
+            self.assertEqual(set(completed(command, "")), options, command)
+            self.assertEqual(set(completed("--state-dir", "/", command, "--json", "--")), options, command)
+            self.assertEqual(set(by_fish(f"volornctl {command} --")) | {"--version"}, options)
+            shown = run("zsh", "-fc", ZSH, "zsh", str(LOADERS / "volornctl.zsh"), command, "argument")
+            self.assertLessEqual(options, set(re.findall(r"--[\w-]+", shown)), command)
         self.assertEqual(completed("hi"), ["history"])
         self.assertEqual(completed("bogus", "--j"), [])
 
     def test_values(self):
-        orders = re.search(r"What has most first: (.*)", help_of("top"))[1]
-        self.assertEqual(completed("top", "--sort", ""), sorted(re.sub(r" \(.*?\)", "", orders).split(", ")))
-        for order in completed("top", "--sort", ""):
-            subprocess.run([host.VOLORNCTL, "top", "--count", "1", "--sort", order], check=True,
-                           stdout=subprocess.DEVNULL)
-        keys = sorted(host.KEYS)
+        orders = re.search(r"cpu unless told: (.*)", help_of("top"))[1].split(", ")
+        self.assertEqual(completed("top", "--sort", ""), sorted(orders))
+        self.assertEqual(completed("top", "-o", "="), sorted(orders))
+        self.assertEqual(by_fish("volornctl top --sort "), sorted(orders))
+        zsh = run("zsh", "-fc", ZSH, "zsh", str(LOADERS / "volornctl.zsh"), "top", "argument")
+        self.assertIn(
+            f"(-o --sort)--sort=[Order by this column, cpu unless told\\: {', '.join(orders)}]"
+            f":value:({' '.join(orders)})\n",
+            zsh,
+        )
+        for order in orders:
+            run(host.VOLORNCTL, "top", "--count", "1", "--sort", order)
         for words in (["--key", ""], ["--key", "="], ["--key", "=", ""]):
-            self.assertEqual(completed("history", *words), keys)
+            self.assertEqual(completed("history", *words), sorted([*host.KEYS, "battery", "system", "times"]))
         self.assertEqual(completed("history", "--key", "=", "jet"), ["jetsamLevel"])
-        self.assertEqual(completed("metrics", "--format", "o"), ["openmetrics"])
+        self.assertEqual(completed("metrics", "--format", ""), ["openmetrics"])
+        self.assertEqual(completed("history", "--format", ""), ["csv"])
         self.assertEqual(completed("history", "--limit", ""), [])
 
     def test_files_and_folders(self):
@@ -75,6 +110,7 @@ class CompletionTest(unittest.TestCase):
             self.assertEqual(completed("metrics", "--output", f"{folder}/s"), [f"{folder}/sub"])
             self.assertEqual(completed("metrics", "--output", f"{folder}/a"), [f"{folder}/a", "b.prom"])
             self.assertEqual(completed("status", "--state-dir", f"{folder}/"), [f"{folder}/sub"])
+            self.assertEqual(by_fish(f"volornctl --state-dir {folder}/"), [f"{folder}/sub/"])
 
 
 if __name__ == "__main__":

@@ -27,8 +27,16 @@ class ExportTest(host.Test):
         self.assertTrue(self.expected.endswith(b"\n# EOF\n"))
 
     def export(self, before=(), **options):
-        done = subprocess.run([*before, *COMMAND], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.PIPE, text=True, timeout=600, check=False, **options)
+        done = subprocess.run(
+            [*before, *COMMAND],
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+            timeout=600,
+            check=False,
+            **options,
+        )
         self.assertEqual(done.stdout, "")
         return done.returncode, done.stderr
 
@@ -64,8 +72,21 @@ class ExportTest(host.Test):
         for name in sorted(set(calls)):
             for ordinal in range(1, calls.count(name) + 1):
                 EXPORT.write_bytes(OLD)
-                status, _ = self.export(["strace", "-o", str(trace), "-P", str(FOLDER), "-P", str(EXPORT), "-P",
-                                         str(DRAFT), "-e", f"inject={name}:signal=SIGKILL:when={ordinal}"])
+                status, _ = self.export(
+                    [
+                        "strace",
+                        "-o",
+                        str(trace),
+                        "-P",
+                        str(FOLDER),
+                        "-P",
+                        str(EXPORT),
+                        "-P",
+                        str(DRAFT),
+                        "-e",
+                        f"inject={name}:signal=SIGKILL:when={ordinal}",
+                    ]
+                )
                 self.assertEqual(status, -9, name)
                 kept.add(EXPORT.read_bytes())
                 self.assertEqual(self.export(), (0, ""), name)
@@ -73,9 +94,25 @@ class ExportTest(host.Test):
         self.assertEqual(kept, {OLD, self.expected})
 
     def testEveryFailureLeavesTheOldFile(self):
-        for name, error in (("write", "ENOSPC"), ("fsync", "EIO"), ("fchmod", "EPERM"), ("renameat", "EROFS")):
-            status, text = self.export(["strace", "-o", "/dev/null", "-P", str(DRAFT), "-P", str(FOLDER),
-                                        "-e", f"inject={name}:error={error}:when=1"])
+        for name, error in (
+            ("write", "ENOSPC"),
+            ("fsync", "EIO"),
+            ("fchmod", "EPERM"),
+            ("renameat", "EROFS"),
+        ):
+            status, text = self.export(
+                [
+                    "strace",
+                    "-o",
+                    "/dev/null",
+                    "-P",
+                    str(DRAFT),
+                    "-P",
+                    str(FOLDER),
+                    "-e",
+                    f"inject={name}:error={error}:when=1",
+                ]
+            )
             self.assertEqual(status, 1, name)
             self.assertRegex(text, rf"\Avolornctl: {EXPORT}: .+\n\Z")
             self.assertEqual(EXPORT.read_bytes(), OLD)

@@ -8,11 +8,9 @@ import signal
 import stat
 import struct
 import subprocess
-import sys
-import tempfile
-import unittest
 
-PROGRAM = os.path.abspath(os.path.join(sys.argv[1], "volornctl"))
+import host
+
 MS_NOSUID, MS_NODEV = 2, 4
 LOOKUP, GETATTR, OPEN, READ, RELEASE, FLUSH, INIT = 1, 3, 14, 15, 18, 25, 26
 ROOT, FILE = 1, 2
@@ -36,7 +34,9 @@ class Server:
     def attributes(self, node):
         mode = stat.S_IFDIR | 0o755 if node == ROOT else stat.S_IFREG | 0o755
         size = len(self.content) if node == FILE else 0
-        return struct.pack("=6Q10I", node, size, (size + 511) // 512, 0, 0, 0, 0, 0, 0, mode, 1, 0, 0, 0, 4096, 0)
+        return struct.pack(
+            "=6Q10I", node, size, (size + 511) // 512, 0, 0, 0, 0, 0, 0, mode, 1, 0, 0, 0, 4096, 0
+        )
 
     def answer(self, operation, node, request):
         if operation == INIT:
@@ -49,7 +49,7 @@ class Server:
             return struct.pack("=Q2I", 0, 0, 0)
         if operation == READ:
             offset, size = struct.unpack_from("=8xQI", request)
-            return self.content[offset:offset + size]
+            return self.content[offset : offset + size]
         return b"" if operation in (RELEASE, FLUSH) else None
 
     def serve(self):
@@ -65,10 +65,11 @@ class Server:
                 pass  # one that wants no answer
 
 
-class HostileFileSystemTest(unittest.TestCase):
+class HostileFileSystemTest(host.Test):
     def setUp(self):
-        folder = tempfile.mkdtemp()
-        self.addCleanup(os.rmdir, folder)
+        super().setUp()
+        folder = str(host.LIB / "hostile")
+        os.mkdir(folder)
         server = Server(folder, pathlib.Path("/bin/sh").read_bytes())
         self.addCleanup(libc.umount2, folder.encode(), 2)
         self.server = os.fork()
@@ -78,16 +79,19 @@ class HostileFileSystemTest(unittest.TestCase):
             finally:
                 os._exit(1)
         os.close(server.device)
-        self.process = subprocess.Popen([os.path.join(folder, "program"), "-c", "echo; read line"],
-                                        stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        self.process = subprocess.Popen(
+            [os.path.join(folder, "program"), "-c", "echo; read line"],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+        )
         self.addCleanup(self.process.communicate)
         self.addCleanup(os.waitpid, self.server, 0)
         self.addCleanup(os.kill, self.server, signal.SIGKILL)  # wakes whoever waits for it
         self.process.stdout.read(1)
         os.kill(self.server, signal.SIGSTOP)
 
-    def run_json(self, *command):
-        reader = subprocess.Popen([PROGRAM, *command, "--json"], stdout=subprocess.PIPE)
+    def runJson(self, *command):
+        reader = subprocess.Popen([host.VOLORNCTL, *command, "--json"], stdout=subprocess.PIPE)
         try:
             output, _ = reader.communicate(timeout=600)
         except subprocess.TimeoutExpired:
@@ -97,20 +101,16 @@ class HostileFileSystemTest(unittest.TestCase):
         self.assertEqual(reader.returncode, 0)
         return json.loads(output)
 
-    def test_no_reader_waits_for_it(self):
-        report = self.run_json("memory")
+    def testNoReaderWaitsForIt(self):
+        report = self.runJson("memory")
         row = next(row for row in report["processes"] if row["pid"] == self.process.pid)
         self.assertEqual((row["name"], row["uuid"]), ("program", "0" * 32))
         self.assertGreater(row["rpages"], 0)
-        sample = self.run_json("top", "--count", "1")
+        sample = self.runJson("top", "--count", "1")
         row = next(row for row in sample["processes"] if row["pid"] == self.process.pid)
         self.assertGreater(row["privateBytes"], 0)
-        self.run_json("summary")
+        self.runJson("summary")
 
 
 if __name__ == "__main__":
-    if "VOLORN_TEST_NAMESPACE" not in os.environ:
-        os.environ["VOLORN_TEST_NAMESPACE"] = "entered"
-        users = [] if os.geteuid() == 0 else ["--map-root-user"]
-        os.execvp("unshare", ["unshare", "--mount", *users, sys.executable, *sys.argv])
-    unittest.main(argv=sys.argv[:1])
+    host.main()

@@ -5,22 +5,16 @@ import os
 import pathlib
 import re
 import resource
-import shutil
 import subprocess
-import sys
-import tempfile
-import unittest
 
-PROGRAM = os.path.abspath(os.path.join(sys.argv.pop(1), "volornctl"))
-NOBODY = 65534
-ATTEMPTS = 40  # what has just begun to rest may still take a page
+import host
+
 STEPS = ("proc_name", "proc_pidinfo", "task_for_pid", "task_info_basic", "task_info_extmod")
 FIRST_LINES = "\n            Name                <UUID>                                  rpages\n"
 
 # Waits until nobody holds its standard input open.
-SOURCE = "#include <unistd.h>\nint main(void) { char byte; write(1, \"\", 1); read(0, &byte, 1); }\n"
-IDS = {"none": "none", "short": "0x1122334455667788", "usual": "0x" + "ab" * 16 + "cdcdcdcd",
-       "long": "0x" + "0123456789abcdef" * 4}
+SOURCE = '#include <unistd.h>\nint main(void) { char byte; write(1, "", 1); read(0, &byte, 1); }\n'
+IDS = ("none", "0x1122334455667788", "0x" + "ab" * 16 + "cdcdcdcd", "0x" + "0123456789abcdef" * 4)
 
 
 def executable(pid):
@@ -32,122 +26,96 @@ def executable(pid):
         return None
 
 
-def build_id(path):
-    """As readelf tells it, in the report's form."""
-    notes = subprocess.run(["readelf", "-n", path], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
-                           text=True, check=False).stdout
-    found = re.search(r"Build ID: ([0-9a-f]+)", notes)
-    return (found[1] if found else "")[:32].ljust(32, "0")
+def inReport(build_id):
+    return build_id.removeprefix("0x")[:32].ljust(32, "0")
 
 
-def resident_pages(pid):
+def buildId(path):
+    """As readelf tells it."""
+    found = re.search(r"Build ID: ([0-9a-f]+)", host.run("readelf", "-n", path)[1])
+    return inReport(found[1] if found else "")
+
+
+def residentPages(pid):
     pages = int(pathlib.Path(f"/proc/{pid}/statm").read_text(encoding="ascii").split()[1])
     return pages * resource.getpagesize() // 4096
 
 
-def report(*arguments, program=PROGRAM, **options):
-    done = subprocess.run([program, "memory", *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                          timeout=600, check=False, **options)
-    return done.returncode, done.stdout.decode(), done.stderr.decode()
+class MemoryTest(host.Test):
+    def rows(self, program=host.VOLORNCTL, **options):
+        status, output, errors = host.run(program, "memory", "--json", **options)
+        self.assertEqual((status, errors), (0, ""))
+        return {row["pid"]: row for row in json.loads(output)["processes"]}
 
-
-def rows(**options):
-    status, output, errors = report("--json", **options)
-    assert (status, errors) == (0, ""), errors
-    document = json.loads(output)
-    assert document["schema"] == 1
-    return {row["pid"]: row for row in document["processes"]}
-
-
-class MemoryTest(unittest.TestCase):
-    def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = folder.name
-        os.chmod(self.folder, 0o755)
-
-    def start(self, path):
-        """Returns the process at rest."""
+    def start(self, name, build_id):
+        """A process at rest."""
+        path = host.LIB / name
+        command = ["gcc", "-w", "-x", "c", "-", "-o", path, f"-Wl,--build-id={build_id}"]
+        subprocess.run(command, input=SOURCE, text=True, check=True)
         child = subprocess.Popen([path], stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        self.addCleanup(lambda: (child.communicate(), child.wait()))
+        self.addCleanup(child.communicate)
         child.stdout.read(1)
-        return child
+        return child.pid
 
-    def compile(self, name, *options):
-        path = os.path.join(self.folder, name)
-        subprocess.run(["gcc", "-w", "-x", "c", "-", "-o", path, *options], input=SOURCE, text=True, check=True)
-        return path
-
-    def test_identifiers_are_those_of_readelf(self):
-        made = {self.start(self.compile(name, f"-Wl,--build-id={value}")).pid: value
-                for name, value in IDS.items()}
+    def testIdentifiersAreThoseOfReadelf(self):
+        made = {self.start(str(number), value): value for number, value in enumerate(IDS)}
         before = {int(name): executable(name) for name in os.listdir("/proc") if name.isdigit()}
-        shown = rows()
+        shown = self.rows()
         known = {}
         compared = 0
         for pid, row in shown.items():
             same = before.get(pid)
             if "uuid" not in row or same is None:
                 continue
-            expected = known.get(same) or build_id(f"/proc/{pid}/exe")
+            expected = known.get(same) or buildId(f"/proc/{pid}/exe")
             if executable(pid) == same:  # else it may have ended before readelf looked
                 known[same] = expected
                 self.assertEqual(row["uuid"], expected, row)
                 compared += 1
         self.assertGreater(compared, len(made))
         for pid, value in made.items():
-            self.assertEqual(shown[pid]["uuid"], value.replace("none", "").removeprefix("0x")[:32].ljust(32, "0"))
+            self.assertEqual(shown[pid]["uuid"], inReport(value.replace("none", "")))
 
-    def test_resident_pages_are_those_of_statm(self):
-        children = [self.start(self.compile(name)) for name in ("one", "two")]
-        for child in children:
-            for _ in range(ATTEMPTS):
-                shown = rows()[child.pid]
-                pages = resident_pages(child.pid)
-                if shown["rpages"] == pages:
-                    break
-            self.assertEqual(shown["rpages"], pages)
-            self.assertEqual(shown["name"], os.path.basename(child.args[0]))
-
-    def test_no_name_forges_a_row(self):
-        forged = "a\nb\x1b[2J\\"
-        os.rename(self.compile("plain"), os.path.join(self.folder, forged))
-        child = self.start(os.path.join(self.folder, forged))
-        status, text, errors = report()
+    def testNameAndResidentPages(self):
+        pid = self.start("one", "none")
+        host.waitFor(lambda: self.rows()[pid]["rpages"] == residentPages(pid), seconds=30)
+        row = self.rows()[pid]
+        self.assertEqual((row["name"], row["rpages"]), ("one", residentPages(pid)))
+        status, text, errors = host.run(host.VOLORNCTL, "memory")
         self.assertEqual((status, errors), (0, ""))
         self.assertTrue(text.startswith(FIRST_LINES))
-        self.assertRegex(text, r"a\\u\{a\}b\\u\{1b\}\[2J\\\\  <[0-9a-f]{32}>  {1,20}\d+\n")
-        self.assertNotIn("\x1b", text)
-        self.assertEqual(rows()[child.pid]["name"], forged)
+        self.assertRegex(text, rf"(?m)^ *one  <0{{32}}>  {{1,20}}{row['rpages']}$")
 
-    def test_others_processes_are_errors_to_who_may_not_look(self):
-        program = os.path.join(self.folder, "volornctl")
-        shutil.copy(PROGRAM, program)
-        drop = {"user": NOBODY, "group": NOBODY, "extra_groups": []} if os.geteuid() == 0 else {}
-        shown = rows(program=program, **drop)
+    def testOthersProcessesAreErrorsToWhoMayNotLook(self):
+        program = host.reachable(host.VOLORNCTL)
+        drop = (
+            {"user": host.OTHER_USER, "group": host.OTHER_USER, "extra_groups": []}
+            if host.HAS_OTHER_USERS
+            else {}
+        )
+        shown = self.rows(program, **drop)
         ours = os.getpid() if drop else 1
         self.assertEqual(shown[ours]["error"], "task_for_pid")
         self.assertTrue(all(row.get("error", "task_for_pid") in STEPS for row in shown.values()))
-        status, text, _ = report(program=program, **drop)
+        status, text, _ = host.run(program, "memory", **drop)
         self.assertEqual(status, 0)
         self.assertRegex(text, rf"getMemoryData: task_for_pid returned error for pid: {ours}, name : \S")
 
-    def test_few_descriptors_are_enough(self):
+    def testFewDescriptorsAreEnough(self):
         limit = (64, 64)
-        shown = rows(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, limit))
-        self.assertEqual(shown[os.getpid()]["uuid"], build_id(f"/proc/{os.getpid()}/exe"))
+        shown = self.rows(preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_NOFILE, limit))
+        self.assertEqual(shown[os.getpid()]["uuid"], buildId(f"/proc/{os.getpid()}/exe"))
 
-    def test_without_processes_there_is_no_report(self):
-        namespace = ["--mount"] if os.geteuid() == 0 else ["--mount", "--map-root-user"]
+    def testWithoutProcessesThereIsNoReport(self):
         for arguments in ("", "--json"):
             script = f'mount -t tmpfs none /proc && exec "$0" memory {arguments}'
             # The sanitizers miss /proc too: their leak check is left out, and what they say is passed over.
-            done = subprocess.run(["unshare", *namespace, "sh", "-c", script, PROGRAM], stdout=subprocess.PIPE,
-                                  stderr=subprocess.PIPE, text=True, check=False,
-                                  env={**os.environ, "ASAN_OPTIONS": "detect_leaks=0"})
-            self.assertEqual((done.returncode, done.stdout), (1, ""))
-            self.assertRegex(done.stderr, r"(?m)^volornctl: the processes cannot be listed: .+$")
+            environment = {**os.environ, "ASAN_OPTIONS": "detect_leaks=0"}
+            command = ["unshare", "--mount", "sh", "-c", script, host.VOLORNCTL]
+            *ended, errors = host.run(*command, env=environment)
+            self.assertEqual(ended, [1, ""])
+            self.assertRegex(errors, r"(?m)^volornctl: the processes cannot be listed: .+$")
 
 
 if __name__ == "__main__":
-    unittest.main()
+    host.main()

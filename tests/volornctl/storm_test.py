@@ -33,9 +33,29 @@ TOUCHED = 512 * PAGE
 SPARSE = 1 << 40
 PR_SET_PDEATHSIG, PR_SET_DUMPABLE, PR_SET_NAME = 1, 4, 15
 
-NAMES = [b"plain", b"line\nline", b'"quoted"', b"back\\slash", b"\x1b[2J\x1b[1m", b"\xff\xfe\x80", b"\xe2\x82", b")",
-         b"((a) b", b") S 1 2 3", b"a\tb\rc", b"{\"pid\": 1}", b"_1_2_3", b"\x01other", b"%s%n%d", b"fifteen bytes..",
-         b"\xc3\xa9t\xc3\xa9", b"</td>", b"\x7f\x00", b" ", b""]
+NAMES = [
+    b"plain",
+    b"line\nline",
+    b'"quoted"',
+    b"back\\slash",
+    b"\x1b[2J\x1b[1m",
+    b"\xff\xfe\x80",
+    b"\xe2\x82",
+    b")",
+    b"((a) b",
+    b") S 1 2 3",
+    b"a\tb\rc",
+    b'{"pid": 1}',
+    b"_1_2_3",
+    b"\x01other",
+    b"%s%n%d",
+    b"fifteen bytes..",
+    b"\xc3\xa9t\xc3\xa9",
+    b"</td>",
+    b"\x7f\x00",
+    b" ",
+    b"",
+]
 libc = ctypes.CDLL(None, use_errno=True)
 
 
@@ -180,8 +200,14 @@ def storming(owners=(0, 0, NOBODY), crowd=200):
 
 
 def output(*command, program=host.VOLORNCTL, **options):
-    done = subprocess.run([program, *command, "--json"], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                          timeout=1200, check=False, **options)
+    done = subprocess.run(
+        [program, *command, "--json"],
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+        timeout=1200,
+        check=False,
+        **options,
+    )
     if (done.returncode, done.stderr) != (0, b""):
         raise AssertionError((command, done))
     return done.stdout
@@ -193,7 +219,9 @@ def summaryRows(**options):
     for key, row in rows.items():
         assert key == f"{row['Command']}_{row['pid']}", key
     assert document["Processes/Total"] == len(rows), document["Processes/Total"]
-    assert document["Kernel Resources/Threads"] == sum(row["Kernel Resources/Threads"] for row in rows.values())
+    assert document["Kernel Resources/Threads"] == sum(
+        row["Kernel Resources/Threads"] for row in rows.values()
+    )
     return {row["pid"]: row for row in rows.values()}
 
 
@@ -246,13 +274,17 @@ class StormTest(unittest.TestCase):
                 for pid, size in sizes.items():
                     self.assertGreaterEqual(sample[pid]["privateBytes"], size)
                     self.assertGreaterEqual(sample[pid]["residentBytes"], size)
-        print(f"{len(stayed)} processes, {threads} threads, {mappings} mappings: "
-              f"all three in {time.monotonic() - began:.1f} s")
+        print(
+            f"{len(stayed)} processes, {threads} threads, {mappings} mappings: "
+            f"all three in {time.monotonic() - began:.1f} s"
+        )
 
     def checkNames(self, named, rows, field):
         """An empty name is that of the program's path, of which Python's own has none other."""
-        self.assertEqual({pid: rows[pid][field] for pid, name in named.items() if name},
-                         {pid: shown(name) for pid, name in named.items() if name})
+        self.assertEqual(
+            {pid: rows[pid][field] for pid, name in named.items() if name},
+            {pid: shown(name) for pid, name in named.items() if name},
+        )
 
     def checkSummary(self, stayed, named, sizes, threads, sparse, mappings):
         rows = summaryRows()
@@ -271,8 +303,11 @@ class StormTest(unittest.TestCase):
             rows = memoryRows()
             self.assertLessEqual(stayed, rows.keys())
             self.checkNames(named, rows, "name")
-            wrong = {pid: row for pid, row in rows.items()
-                     if pid in stayed and named.get(pid) != b"" and "error" in row}
+            wrong = {
+                pid: row
+                for pid, row in rows.items()
+                if pid in stayed and named.get(pid) != b"" and "error" in row
+            }
             self.assertEqual(wrong, {})
             for pid, size in sizes.items():
                 self.assertGreaterEqual(rows[pid]["rpages"], size // 4096)
@@ -285,15 +320,19 @@ class StormTest(unittest.TestCase):
             others = {self.party.add(beCalled, b"other") for _ in range(20)} | {os.getpid()}
             own = {self.party.add(beCalled, b"own", NOBODY) for _ in range(20)}
             for hidden in (0, 1, 2):
-                with self.subTest(hidden), host.mounted("-t", "proc", "-o", f"hidepid={hidden}", "proc", "/proc"), \
-                        storming(owners=[0]):
+                with self.subTest(hidden), host.mounted(
+                    "-t", "proc", "-o", f"hidepid={hidden}", "proc", "/proc"
+                ), storming(owners=[0]):
                     for _ in range(REPEATS):
                         self.checkHidden(hidden, own, others, drop)
 
     def checkHidden(self, hidden, own, others, drop):
         memory = memoryRows(**drop)
-        for rows, field in ((memory, "name"), (summaryRows(**drop), "Command"),
-                            *((sample, "command") for sample in samples(2, **drop))):
+        for rows, field in (
+            (memory, "name"),
+            (summaryRows(**drop), "Command"),
+            *((sample, "command") for sample in samples(2, **drop)),
+        ):
             self.assertLessEqual(own, rows.keys())
             self.assertEqual({rows[pid][field] for pid in own}, {"own"})
             if hidden:
@@ -306,7 +345,9 @@ class StormTest(unittest.TestCase):
         """Past its sixtieth sample the sampler begins anew."""
         rounds = []
         with storming(crowd=10):
-            top = subprocess.Popen([host.VOLORNCTL, "top", "--json", "--interval", "0.01"], stdout=subprocess.PIPE)
+            top = subprocess.Popen(
+                [host.VOLORNCTL, "top", "--json", "--interval", "0.01"], stdout=subprocess.PIPE
+            )
             status = pathlib.Path(f"/proc/{top.pid}/status")
             for number, _ in enumerate(top.stdout, 1):
                 if number % 60 == 0:

@@ -4,21 +4,15 @@ It runs in a network namespace of its own, in which nothing moves but what the t
 """
 
 import contextlib
-import fcntl
 import json
 import os
 import pathlib
-import pty
 import re
-import resource
-import select
 import signal
 import socket
-import struct
 import subprocess
 import sys
 import tempfile
-import termios
 import threading
 import time
 import unittest
@@ -37,8 +31,9 @@ ATTEMPTS = 40  # what is looked for may have come between two looks
 @contextlib.contextmanager
 def started(code):
     """A process that has written a byte and goes on."""
-    process = subprocess.Popen([PYTHON, "-c", f"import os, signal; os.write(1, b'.'); {code}"],
-                               stdout=subprocess.PIPE)
+    process = subprocess.Popen(
+        [PYTHON, "-c", f"import os, signal; os.write(1, b'.'); {code}"], stdout=subprocess.PIPE
+    )
     try:
         process.stdout.read(1)
         yield process.pid
@@ -59,7 +54,9 @@ def following(*arguments):
 
 
 def summary():
-    return json.loads(subprocess.run([PROGRAM, "summary", "--json"], check=True, stdout=subprocess.PIPE).stdout)
+    return json.loads(
+        subprocess.run([PROGRAM, "summary", "--json"], check=True, stdout=subprocess.PIPE).stdout
+    )
 
 
 def processIn(sample, pid):
@@ -116,8 +113,9 @@ class FiguresTest(unittest.TestCase):
         return self.fail(f"{what} never agreed: {faults[-3:]}")
 
     def test_a_busy_loop_and_a_sleeping_process(self):
-        with started("exec('while True: pass')") as busy, started("signal.pause()") as sleeping, \
-                following("--interval", "1") as samples:
+        with started("exec('while True: pass')") as busy, started("signal.pause()") as sleeping, following(
+            "--interval", "1"
+        ) as samples:
             first, used = next(samples), processorSeconds(busy)
             for pid in (busy, sleeping):
                 self.assertIsNone(processIn(first, pid)["cpuPercent"])
@@ -130,14 +128,19 @@ class FiguresTest(unittest.TestCase):
                 second, used_before, used = next(samples), used, processorSeconds(busy)
                 self.assertGreater(second["intervalSeconds"], 0.5)
                 shown = processIn(second, busy)["cpuPercent"]
-                self.assertAlmostEqual(shown, (used - used_before) * 100 / second["intervalSeconds"], delta=20)
+                self.assertAlmostEqual(
+                    shown, (used - used_before) * 100 / second["intervalSeconds"], delta=20
+                )
                 self.assertLess(shown, 115)
                 self.assertEqual(processIn(second, busy)["state"], "running")
-                self.assertEqual(second["processes"][0]["pid"], max(
-                    second["processes"], key=lambda process: process["cpuPercent"] or 0)["pid"])
+                self.assertEqual(
+                    second["processes"][0]["pid"],
+                    max(second["processes"], key=lambda process: process["cpuPercent"] or 0)["pid"],
+                )
                 rest = processIn(second, sleeping)
-                self.assertEqual((rest["cpuPercent"], rest["faultsPerSecond"], rest["contextSwitchesPerSecond"]),
-                                 (0, 0, 0))
+                self.assertEqual(
+                    (rest["cpuPercent"], rest["faultsPerSecond"], rest["contextSwitchesPerSecond"]), (0, 0, 0)
+                )
                 self.assertIn(rest["state"], ("sleeping", "idle"))
                 self.assertAlmostEqual(sum(second["cpu"].values()), 100)
                 self.assertGreater(second["cpu"]["userPercent"], 0)
@@ -167,8 +170,9 @@ class FiguresTest(unittest.TestCase):
 
         def sampledAndUsed():
             before, moved, busy_seconds = received(), 0, 0
-            with started("exec('while True: pass')") as busy, following("--interval", "0.01") as samples, \
-                    socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            with started("exec('while True: pass')") as busy, following(
+                "--interval", "0.01"
+            ) as samples, socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
                 next(samples)
                 used = processorSeconds(busy)
                 for sample, number in zip(samples, range(1000)):
@@ -207,11 +211,15 @@ class FiguresTest(unittest.TestCase):
             before = meminfo()
             shown = summary()
             after = meminfo()
-            self.assertEqual(shown["Physical Memory/Used"] + shown["Physical Memory/Free"], before["MemTotal"])
+            self.assertEqual(
+                shown["Physical Memory/Used"] + shown["Physical Memory/Free"], before["MemTotal"]
+            )
             self.assertEqual(shown["Swap/Available"] + shown["Swap/Used"], before["SwapTotal"])
             for key, name in (("Free", "MemFree"), ("Active", "Active"), ("Inactive", "Inactive")):
                 moved = abs(before[name] - after[name])  # by whoever else is at work
-                self.assertAlmostEqual(shown[f"Physical Memory/{key}"], before[name], delta=2 * moved + 64 * MIB)
+                self.assertAlmostEqual(
+                    shown[f"Physical Memory/{key}"], before[name], delta=2 * moved + 64 * MIB
+                )
 
         self.again("the memory", check)
 
@@ -230,164 +238,77 @@ class FiguresTest(unittest.TestCase):
             agreed.update(pid for pid, number in at_rest.items() if shown[pid] == number)
             if at_rest.keys() <= agreed:
                 return
-        self.fail(f"the numbers of threads never agreed: {[(pid, at_rest[pid]) for pid in at_rest.keys() - agreed]}")
+        self.fail(
+            f"the numbers of threads never agreed: {[(pid, at_rest[pid]) for pid in at_rest.keys() - agreed]}"
+        )
 
     def test_sizes_of_a_process_at_rest(self):
         with started("import json; signal.pause()") as pid:
+
             def check():
                 with following("--count", "2", "--interval", "0.1") as samples:
                     shown = [processIn(sample, pid) for sample in samples]
                 pages = pathlib.Path(f"/proc/{pid}/statm").read_text().split()
                 rollup = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text()
-                private = sum(int(kib) for kib in re.findall(r"^Private_\w+: +(\d+) kB", rollup, re.MULTILINE))
+                private = sum(
+                    int(kib) for kib in re.findall(r"^Private_\w+: +(\d+) kB", rollup, re.MULTILINE)
+                )
                 for process in shown:
                     self.assertEqual(process["residentBytes"], int(pages[1]) * os.sysconf("SC_PAGESIZE"))
                     self.assertEqual(process["virtualBytes"], int(pages[0]) * os.sysconf("SC_PAGESIZE"))
                     # Which page of a file is nobody else's depends on what other processes just map.
-                    self.assertAlmostEqual(process["privateBytes"], private * 1024, delta=private * 1024 // 10)
+                    self.assertAlmostEqual(
+                        process["privateBytes"], private * 1024, delta=private * 1024 // 10
+                    )
 
             self.again("the sizes", check)
 
-    def test_a_reader_that_goes_is_noticed_at_once(self):
-        process = subprocess.Popen([PROGRAM, "top", "--json", "--interval", "100000"], stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE)
-        process.stdout.readline()
-        process.stdout.close()
-        self.assertEqual(process.stderr.read(), b"")
-        process.stderr.close()
-        self.assertEqual(process.wait(PATIENCE_SECONDS), 0)
+    def test_what_ends_it(self):
+        """A reader that goes, at once, and Ctrl-C alike with JSON and without."""
+        for arguments, end in (
+            (["--json"], lambda process: process.stdout.close()),
+            (["--json"], lambda process: process.send_signal(signal.SIGINT)),
+            ([], lambda process: process.send_signal(signal.SIGINT)),
+        ):
+            with subprocess.Popen(
+                [PROGRAM, "top", "-d", "100000", *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE
+            ) as process:
+                process.stdout.readline()
+                end(process)
+                self.assertEqual(process.stderr.read(), b"")
+                self.assertEqual(process.wait(PATIENCE_SECONDS), 0)
+
+    def test_processes_are_those_of_ps(self):
+        """By their ids, names, owners and parents; chosen and ordered."""
+        with started("signal.pause()") as pid, following("-n", "1", "-p", f"1,{pid}", "-o", "pid") as samples:
+            shown = [
+                f"{row['pid']} {row['ppid']} {row['uid']} {row['threads']} {row['command']}"
+                for row in next(samples)["processes"]
+            ]
+            told = subprocess.run(
+                ["ps", "-o", "pid=,ppid=,euid=,nlwp=,comm=", "-p", f"1,{pid}"],
+                text=True,
+                stdout=subprocess.PIPE,
+            )
+            self.assertEqual(shown, [" ".join(line.split()) for line in told.stdout.splitlines()])
 
     def test_usage(self):
-        for arguments in (["--interval", "0"], ["--interval", "nan"], ["--interval", "1s"], ["--interval", "-1"],
-                          ["--count", "0"], ["--count", "99999999999999999999"], ["--sort", "pid"],
-                          ["--sort", "0"]):
-            done = subprocess.run([PROGRAM, "top", *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        for arguments in (
+            ["--interval", "0"],
+            ["--interval", "nan"],
+            ["--interval", "1s"],
+            ["--interval", "-1"],
+            ["--count", "0"],
+            ["--count", "99999999999999999999"],
+            ["--sort", "cup"],
+            ["--pid", "1,0"],
+            ["--user", "nobody at all"],
+            ["--limit", "0"],
+        ):
+            done = subprocess.run(
+                [PROGRAM, "top", *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE
+            )
             self.assertEqual((done.returncode, done.stdout), (2, b""), arguments)
-
-
-class Screen:
-    """`volornctl top` on a terminal of its own."""
-
-    LEFT = b"\x1b[?7h\x1b[?25h\x1b[?1049l"
-    DRAWN = b"\x1b[J"  # ends each frame
-
-    SIZE = (12, 70)
-
-    def __init__(self, *arguments, command=(PROGRAM, "top"), ignored=()):
-        self.master, self.terminal = pty.openpty()
-        self.resize(*self.SIZE)
-        self.before = termios.tcgetattr(self.terminal)
-        self.text = b""
-        self.pid = os.fork()
-        if self.pid == 0:
-            os.setsid()
-            fcntl.ioctl(self.terminal, termios.TIOCSCTTY, 0)
-            for fd in range(3):
-                os.dup2(self.terminal, fd)
-            resource.setrlimit(resource.RLIMIT_CORE, (0, 0))  # ended by a signal, it leaves no file behind
-            # Who starts the tests in the background or under nohup ignores some.
-            for signal_number in (signal.SIGINT, signal.SIGQUIT, signal.SIGHUP, signal.SIGPIPE):
-                signal.signal(signal_number, signal.SIG_DFL)
-            for signal_number in ignored:
-                signal.signal(signal_number, signal.SIG_IGN)
-            os.execvp(command[0], [*command, *arguments])
-
-    def resize(self, rows, columns):
-        fcntl.ioctl(self.master, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
-
-    def readUntil(self, text):
-        """Returns what was written up to it."""
-        while text not in self.text:
-            if not select.select([self.master], [], [], PATIENCE_SECONDS)[0]:
-                raise AssertionError(f"{text!r} never came: {self.text!r}")
-            self.text += os.read(self.master, 65536)
-        found, _, self.text = self.text.partition(text)
-        return found
-
-    def frame(self):
-        lines = self.readUntil(self.DRAWN).rpartition(b"\x1b[H")[2].split(b"\r\n")
-        return [re.sub(rb"\x1b\[[0-9;?]*[a-zA-Z]", b"", line).decode() for line in lines]
-
-    def attributes(self):
-        return termios.tcgetattr(self.terminal)
-
-    def close(self):
-        os.close(self.master)
-        os.close(self.terminal)
-
-
-class TerminalTest(unittest.TestCase):
-    def start(self, **how):
-        screen = Screen("--interval", "100000", **how)
-        self.addCleanup(screen.close)
-        screen.frame()
-        self.assertNotEqual(screen.attributes(), screen.before)
-        return screen
-
-    def checkLeft(self, screen, status):
-        screen.readUntil(Screen.LEFT)
-        self.assertEqual(os.waitpid(screen.pid, 0)[1] & ~0x80, status)  # a machine may dump cores all the same
-        self.assertEqual(screen.attributes(), screen.before)
-
-    def test_it_is_left_as_it_was(self):
-        for key in (b"q", b"Q", b"\x03"):
-            screen = self.start()
-            os.write(screen.master, b"xyz" + key)
-            self.checkLeft(screen, 0)
-        for signal_number, status in ((signal.SIGTERM, 0), (signal.SIGHUP, 0), *((number, number) for number in (
-                signal.SIGABRT, signal.SIGUSR1, signal.SIGALRM, signal.SIGXCPU, signal.SIGRTMAX))):
-            screen = self.start()
-            os.kill(screen.pid, signal_number)
-            self.checkLeft(screen, status)
-
-    def test_ignored_signals_stay_ignored(self):
-        screen = self.start(ignored=[signal.SIGHUP])
-        os.kill(screen.pid, signal.SIGHUP)
-        screen.resize(9, 30)
-        screen.frame()
-        os.write(screen.master, b"q")
-        self.checkLeft(screen, 0)
-
-    def test_it_is_left_while_the_process_is_stopped(self):
-        # A shell with job control: only who has such a parent can be stopped from the keyboard.
-        screen = self.start(command=("sh", "-mc", '"$@"; echo stopped $?; read go; fg', "sh", PROGRAM, "top"))
-        os.write(screen.master, b"\x1a")
-        screen.readUntil(Screen.LEFT)
-        screen.readUntil(b"stopped %d\r\n" % (128 + signal.SIGTSTP))
-        self.assertEqual(screen.attributes(), screen.before)
-        os.write(screen.master, b"\n")
-        screen.frame()
-        os.write(screen.master, b"q")
-        self.checkLeft(screen, 0)
-
-    def test_nobody_to_continue_it(self):
-        screen = self.start()
-        os.write(screen.master, b"\x1a")
-        screen.readUntil(Screen.LEFT)
-        screen.frame()
-        os.write(screen.master, b"q")
-        self.checkLeft(screen, 0)
-
-    def test_frames_fit(self):
-        screen = Screen("--interval", "100000")
-        self.addCleanup(screen.close)
-        for size in (Screen.SIZE, (9, 30), (3, 200)):
-            if size != Screen.SIZE:
-                screen.resize(*size)
-            lines = screen.frame()
-            self.assertEqual(len(lines), size[0])
-            self.assertLessEqual(max(map(len, lines)), size[1])
-        os.write(screen.master, b"q")
-        self.checkLeft(screen, 0)
-
-    def test_the_last_of_a_count_stays(self):
-        screen = Screen("--count", "1")
-        self.addCleanup(screen.close)
-        self.checkLeft(screen, 0)
-        os.write(screen.terminal, b"the end")  # behind all that came before, which may be on its way still
-        text = screen.readUntil(b"the end").decode()
-        self.assertRegex(text, r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC, \d+ processes\r\n")
-        self.assertEqual(text.count("\n"), 11)
 
 
 def main():

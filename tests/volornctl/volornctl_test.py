@@ -7,36 +7,56 @@ import pathlib
 import pty
 import re
 import shutil
-import sqlite3
 import struct
 import subprocess
-import sys
-import tempfile
 import termios
-import unittest
+import time
 
-sys.dont_write_bytecode = True
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
-import state_tables
+import host
 
-PROGRAM = os.path.abspath(os.path.join(sys.argv.pop(1), "volornctl"))
+PLAIN = {name: value for name, value in os.environ.items() if name != "NO_COLOR"}
 
-SNAPSHOT = """
-INSERT INTO snapshot VALUES (1, 0.0);
-INSERT INTO metric_key VALUES (1, 'com.zorvik.snapshot.thermalLevel');
-INSERT INTO metric VALUES (1, 1, 1, 3);
+SAMPLE_STATE = pathlib.Path(__file__).parents[2] / "scripts/sample-state"
+PLAN = "INSERT INTO preference VALUES ('com.zorvik.volorn', 'nextPlannedWakeupTime', 'date', 1e10)"
+
+USAGE = """
+bogus
+--json
+status metrics
+status --bogus
+status extra
+status --state-dir
+status --state-dir a --state-dir b
+history --limit 0
+history --limit -1
+history --limit 9223372036854775808
+history --key
+metrics --format text
+metrics --output file
+metrics --format openmetrics --json
+metrics --value
+metrics --key battery --format openmetrics
+history --last 90d --since 2026-11-23
+history --json --local
+status --check --json
+"""
+EMPTY_VALUES = """
+metrics --format openmetrics --output= file
+history --key= thermalLevel
+history --key=
+history --limit= 1
+status --json=
+--state-dir= . status
+status --state-dir= .
+top --count= 1
 """
 
 
 def run(*arguments, **options):
-    options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "timeout": 60, **options}
-    return subprocess.run([PROGRAM, *arguments], text=True, check=False, **options)
+    return host.run(host.VOLORNCTL, *arguments, **options)
 
 
-PLAIN = {name: value for name, value in os.environ.items() if name != "NO_COLOR"}
-
-
-def on_terminal(*arguments, columns=80, **environment):
+def onTerminal(*arguments, columns=80, **environment):
     """What a terminal of that width is sent."""
     master, terminal = pty.openpty()
     fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
@@ -51,78 +71,91 @@ def on_terminal(*arguments, columns=80, **environment):
     return text.decode()
 
 
-class VolornctlTest(unittest.TestCase):
+class VolornctlTest(host.Test):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = folder.name
-        database = sqlite3.connect(os.path.join(self.folder, "volorn.db"))
-        state_tables.create(database)
-        database.executescript(SNAPSHOT)
-        database.close()
+        super().setUp()
+        host.restore({})
+        with host.opened() as database:
+            host.createTables(database)
+            database.executescript(
+                f"INSERT INTO snapshot VALUES (1, 0.0); INSERT INTO metric VALUES (1, 1, 1, 3);"
+                f"INSERT INTO metric_key VALUES (1, '{host.PREFIX}thermalLevel');"
+            )
 
-    def test_help_and_version_are_results(self):
-        for arguments in (["--help"], ["status", "--help"], ["--version"], ["metrics", "--version"]):
-            done = run(*arguments)
-            self.assertEqual((done.returncode, done.stderr), (0, ""), arguments)
-        self.assertEqual(run("--version").stdout, "volornctl 0.1.0\n")
-        self.assertIn("--state-dir", run("--help").stdout)
+    def testHelpAndVersionAreResults(self):
+        for arguments, text in (
+            (["--help"], "--state-dir"),
+            (["status", "--help"], ""),
+            (["--version"], "volornctl 0.1.0\n"),
+            (["metrics", "--version"], ""),
+        ):
+            status, output, errors = run(*arguments)
+            self.assertEqual((status, errors), (0, ""), arguments)
+            self.assertIn(text, output)
 
-    def test_usage(self):
-        for arguments in ([], ["bogus"], ["--json"], ["status", "metrics"], ["status", "--bogus"],
-                          ["status", "extra"], ["status", "--state-dir"], ["status", "--state-dir", ""],
-                          ["status", "--state-dir", "a", "--state-dir", "b"], ["history", "--limit", "0"],
-                          ["history", "--limit", "1x"], ["history", "--key"], ["metrics", "--format", "text"],
-                          ["history", "--limit", "-1"], ["history", "--limit", "9223372036854775808"],
-                          ["metrics", "--output", "file"], ["metrics", "--format", "openmetrics", "--json"],
-                          [""], ["history", "--key", ""], ["metrics", "--format", "openmetrics", "--output", ""]):
-            done = run(*arguments)
-            self.assertEqual((done.returncode, done.stdout), (2, ""), arguments)
-            self.assertRegex(done.stderr, r"\Avolornctl: .+; see volornctl --help\n\Z")
+    def testABareCommandShowsHelp(self):
+        self.assertEqual(run(), run("--help"))
 
-    def test_an_empty_value_does_not_take_the_next_word(self):
-        for option, *arguments in (("--output", "metrics", "--format", "openmetrics", "--output=", "file"),
-                                   ("--key", "history", "--key=", "thermalLevel"), ("--key", "history", "--key="),
-                                   ("--limit", "history", "--limit=", "1"), ("--json", "status", "--json="),
-                                   ("--state-dir", "--state-dir=", ".", "status"),
-                                   ("--state-dir", "status", "--state-dir=", "."), ("--count", "top", "--count=", "1")):
-            done = run(*arguments, cwd=self.folder)
-            self.assertEqual((done.returncode, done.stdout), (2, ""), arguments)
-            self.assertEqual(done.stderr, f"volornctl: {option}: its value is empty; see volornctl --help\n")
-        self.assertEqual(os.listdir(self.folder), ["volorn.db"])
+    def testMisspeltWordsAreAnsweredWithTheNearest(self):
+        for line, answer in (
+            ("tpo", "not a command: tpo; did you mean top?"),
+            ("xyz", "not a command: xyz"),
+            ("top --intervall=1", "not an option of top: --intervall; did you mean --interval?"),
+            ("--sate-dir . status", "not an option of status: --sate-dir; did you mean --state-dir?"),
+            ("top more", "not an argument of top: more"),
+            ("memory -o nmae", "--sort: not one of pid, name, uuid, resident: nmae; did you mean name?"),
+        ):
+            self.assertEqual(run(*line.split())[2], f"volornctl: {answer}; see volornctl --help\n")
 
-    def test_state_directory_before_and_after_the_command(self):
-        for arguments in (["--state-dir", ".", "metrics", "--json"], ["metrics", "--json", "--state-dir=."],
-                          ["metrics", "--state-dir", self.folder, "--json"]):
-            done = run(*arguments, cwd=self.folder)
-            self.assertEqual((done.returncode, done.stderr), (0, ""), arguments)
-            self.assertEqual(json.loads(done.stdout),
-                             {"schema": 1, "takenAt": "2001-01-01T00:00:00Z",
-                              "metrics": [{"key": "com.zorvik.snapshot.thermalLevel", "value": 3}]})
-        missing = run("metrics", "--state-dir", os.path.join(self.folder, "missing"))
-        self.assertEqual((missing.returncode, missing.stdout), (3, ""))
+    def testAMinusIsStandardOutput(self):
+        arguments = "metrics --format openmetrics --state-dir .".split()
+        plain = run(*arguments, cwd=host.STATE)
+        self.assertEqual(run(*arguments, "--output", "-", cwd=host.STATE), plain)
 
-    def test_output_that_cannot_be_written(self):
-        for arguments in (["--help"], ["--version"], ["status", "--json", "--state-dir", self.folder]):
+    def testUsage(self):
+        words = [line.split() for line in USAGE.splitlines()[1:]]
+        words += [["status", "--state-dir", ""], [""], ["metrics", "--format", "openmetrics", "--output", ""]]
+        for arguments in [*words, ["history", "--key", ""]]:
+            *ended, errors = run(*arguments)
+            self.assertEqual(ended, [2, ""], arguments)
+            self.assertRegex(errors, r"\Avolornctl: .+; see volornctl --help\n\Z")
+
+    def testAnEmptyValueDoesNotTakeTheNextWord(self):
+        for line in EMPTY_VALUES.split("\n")[1:-1]:
+            option = re.search(r"(\S+)=", line)[1]
+            told = f"volornctl: {option}: its value is empty; see volornctl --help\n"
+            self.assertEqual(run(*line.split(), cwd=host.LIB), (2, "", told), line)
+        self.assertEqual(os.listdir(host.LIB), ["volorn"])
+
+    def testStateDirectoryBeforeAndAfterTheCommand(self):
+        for arguments in ("--state-dir . metrics --json", "metrics --json --state-dir=."):
+            status, output, errors = run(*arguments.split(), cwd=host.STATE)
+            self.assertEqual((status, errors), (0, ""), arguments)
+            found = json.loads(output)
+            self.assertEqual(found["takenAt"], "2001-01-01T00:00:00Z")
+            self.assertEqual(found["metrics"], [{"key": f"{host.PREFIX}thermalLevel", "value": 3}])
+        self.assertEqual(run("metrics", "--state-dir", "/missing")[:2], (3, ""))
+
+    def testOutputThatCannotBeWritten(self):
+        for arguments in (["--help"], ["--version"], ["status", "--json"]):
             with open("/dev/full", "w", encoding="ascii") as full:
-                done = run(*arguments, stdout=full)
-            self.assertEqual(done.returncode, 1, arguments)
-            self.assertEqual(done.stderr, "volornctl: standard output: No space left on device\n")
-            done = run(*arguments, stdout=None, preexec_fn=lambda: os.close(1))
-            self.assertEqual(done.returncode, 1, arguments)
+                status, _, errors = run(*arguments, stdout=full)
+            self.assertEqual(
+                (status, errors), (1, "volornctl: standard output: No space left on device\n"), arguments
+            )
+            closed = run(*arguments, stdout=None, preexec_fn=lambda: os.close(1))
+            self.assertEqual(closed[0], 1, arguments)
 
-    def test_a_closed_pipe_ends_it_quietly(self):
+    def testAClosedPipeEndsItQuietly(self):
         reading, writing = os.pipe()
         os.close(reading)
         for command in ("status", "metrics", "history", "summary", "memory", "top"):
-            done = run(command, "--state-dir", self.folder, stdout=writing)
-            self.assertEqual((done.returncode, done.stderr), (0, ""), command)
+            self.assertEqual(run(command, stdout=writing), (0, None, ""), command)
         os.close(writing)
 
-    def test_a_process_forges_nothing(self):
+    def testAProcessForgesNothing(self):
         """By its name: another row, an end of its text, a bold one, or bytes that are no text."""
-        name = b'a\n"q\x1b[1m\\\xff\xe2\x82'
-        path = os.path.join(os.fsencode(self.folder), name)
+        path = os.path.join(os.fsencode(host.LIB), b'a\n"q\x1b[1m\\\xff\xe2\x82')
         shutil.copy("/bin/cat", path)
         with subprocess.Popen([path], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as process:
             process.stdin.write(b".")
@@ -130,35 +163,63 @@ class VolornctlTest(unittest.TestCase):
             process.stdout.read(1)
             for command, field in (("memory", "name"), ("top", "command"), ("summary", "Command")):
                 arguments = [command] + (["--count", "1"] if command == "top" else [])
-                table = run(*arguments).stdout
+                table = run(*arguments)[1]
                 self.assertNotIn("\x1b", table)
-                self.assertEqual(len(re.findall(r"(?m)^.*\ba\\u\{a\}\"q\\u\{1b\}\[1m\\\\\\xff\\xe2\\x82\b.*$",
-                                                table)), 1, table)
-                document = json.loads(run(*arguments, "--json").stdout)
+                told = r"(?m)^.*\ba\\u\{a\}\"q\\u\{1b\}\[1m\\\\\\xff\\xe2\\x82\b.*$"
+                self.assertEqual(len(re.findall(told, table)), 1, table)
+                document = json.loads(run(*arguments, "--json")[1])
                 processes = document.get("processes") or document["Process Stats"].values()
                 (row,) = [row for row in processes if row["pid"] == process.pid]
                 self.assertEqual(row[field], 'a\n"q\x1b[1m\\\ufffd\ufffd')
 
-    def test_colour_on_a_terminal_alone(self):
+    def testColourOnATerminalAlone(self):
         for command in ("status", "metrics", "history"):
-            arguments = [command, "--state-dir", self.folder]
-            self.assertIn("\x1b[1m", on_terminal(*arguments))
-            self.assertIn("\x1b[1m", on_terminal(*arguments, NO_COLOR=""))
-            self.assertNotIn("\x1b", on_terminal(*arguments, NO_COLOR="1"))
-            self.assertNotIn("\x1b", run(*arguments, env=PLAIN).stdout)
+            self.assertIn("\x1b[1m", onTerminal(command, NO_COLOR=""))
+            self.assertNotIn("\x1b", onTerminal(command, NO_COLOR="1"))
+            self.assertNotIn("\x1b", run(command, env=PLAIN)[1])
 
-    def test_history_fits_the_terminal(self):
-        arguments = ["history", "--state-dir", self.folder]
-        self.assertEqual(on_terminal(*arguments, NO_COLOR="1"),
-                         "Key           1 day  01-01\r\nthermalLevel  ▁        hot\r\n")
-        self.assertEqual(on_terminal(*arguments, NO_COLOR="1", columns=20),
-                         "Key           1 day\r\nthermalLevel  ▁\r\n")
-        self.assertEqual(on_terminal(*arguments, "--key", "thermalLevel", NO_COLOR="1", columns=50),
-                         "Taken at              Value  Reading  thermalLevel\r\n"
-                         "2001-01-01T00:00:00Z      3  hot      ████████████\r\n")
-        self.assertEqual(run(*arguments).stdout, "Taken at              Key           Value  Reading\n"
-                                                 "2001-01-01T00:00:00Z  thermalLevel      3  hot\n")
+    def testYearsFitTheTerminal(self):
+        """Of a laptop's eleven years, at three widths; and one day."""
+        for days, columns, arguments in (
+            (4150, 120, ""),
+            (4150, 80, "--key battery --key times"),
+            (4150, 50, "--key jetsamLevel --since 2023-10-20 --until 2023-11-05"),
+            (1, 80, ""),
+        ):
+            host.restore({})
+            subprocess.run([SAMPLE_STATE, host.STATE, "--days", str(days)], check=True)
+            shown = onTerminal("history", *arguments.split(), columns=columns, NO_COLOR="1")
+            expected = pathlib.Path(__file__).parent / "kept" / f"history-{days}-{columns}.txt"
+            self.assertEqual(shown.replace("\r", ""), expected.read_text(), expected.name)
+
+    def testACheckEndsAsMonitoringPlugInsDo(self):
+        damaged = f"{host.FILE}{time.strftime('.damaged-%Y%m%dT%H%M%SZ', time.gmtime())}"
+        newest = time.time() - host.REFERENCE_DATE
+        named = ["--state-dir", str(host.STATE)]  # so that no systemd is asked
+        for change, status, text in (
+            (lambda: None, 1, r"overdue: no snapshot for 49 hours; last snapshot \d+ d( \d+ h)? ago\n\Z"),
+            (lambda: host.editState(f"UPDATE snapshot SET taken_at = {newest}"), 0, "fine: "),
+            (lambda: host.editState(PLAN), 1, "clock: "),
+            (lambda: host.editState("DELETE FROM metric", "DELETE FROM snapshot"), 2, "never: "),
+            (lambda: host.editState("PRAGMA user_version = 99"), 3, "unknown: .*newer program"),
+            (lambda: pathlib.Path(damaged).touch(), 2, "damaged: "),
+            (lambda: os.remove(damaged), 3, "unknown: "),
+            (host.FILE.unlink, 2, "never: "),
+        ):
+            change()
+            *ended, errors = run("status", "--check", *named)
+            self.assertEqual((ended[0], errors), (status, ""), text)
+            self.assertRegex(ended[1], r"\A" + text)
+        self.assertEqual(run("status", *named)[0], 3)
+        with open("/dev/full", "w", encoding="ascii") as full:
+            self.assertEqual(run("status", "--check", *named, stdout=full)[0], 3)
+
+    def testAFullDiskIsToldBeforeItHurts(self):
+        with host.mounted("-t", "tmpfs", "-o", "size=6m", "small", str(host.STATE)):
+            subprocess.run([SAMPLE_STATE, host.STATE, "--days", "1"], check=True)
+            status, output, _ = run("status", "--check", "--state-dir", str(host.STATE))
+            self.assertEqual((status, output.partition(":")[0]), (1, "full"))
 
 
 if __name__ == "__main__":
-    unittest.main()
+    host.main()

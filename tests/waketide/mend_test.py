@@ -3,37 +3,26 @@
 import dataclasses
 import fcntl
 import os
-import pathlib
 import re
 import signal
 import subprocess
-import sys
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
 import host
+from host import CLEARS, STAYS
 
-WAKETIDE = str(host.PROGRAMS / "waketide")
-TRACE = host.LIB / "trace"
-FAKETIME = "/usr/$LIB/faketime/libfaketime.so.1"
+MEND = [str(host.PROGRAMS / "waketide"), "mend"]
 
 # What the kernel is made to say of its clock. Each C library asks by one of two names.
-SYNCHRONISED, UNSYNCHRONISED, REFUSES = "retval=0", "retval=5", "error=EPERM"
+SYNCHRONISED, UNSYNCHRONISED, REFUSES = (
+    f"inject=adjtimex,clock_adjtime:{answer}" for answer in ("retval=0", "retval=5", "error=EPERM")
+)
 
-PATIENCE_SECONDS = 2 * host.DAY_SECONDS
-UP_FOR_LONG = time.clock_gettime(time.CLOCK_BOOTTIME) >= PATIENCE_SECONDS
-
-CLEARS = "clearing it, so that the daemon plans anew"
-STAYS = "it stays until the clock is synchronised or the machine has been up for 48 hours"
+UP_FOR_LONG = time.clock_gettime(time.CLOCK_BOOTTIME) >= 2 * host.DAY_SECONDS
 
 
-def traced(clock, *more, command=("mend",)):
-    return ["strace", "-f", "-qq", "-o", str(TRACE), "-e", f"inject=adjtimex,clock_adjtime:{clock}", *more, WAKETIDE,
-            *command]
-
-
-def isCleared(state):
-    return "nextPlannedWakeupTime" not in state.preferences and not state.jobs
+def started(command, *rules, **options):
+    return subprocess.Popen(host.traced(command, *rules), stderr=subprocess.PIPE, text=True, **options)
 
 
 class MendTest(host.Test):
@@ -44,11 +33,13 @@ class MendTest(host.Test):
         host.age(-10)
         self.before = host.readState()
         self.far = host.save()
-        self.cleared = dataclasses.replace(self.before, jobs={}, preferences={
-            key: value for key, value in self.before.preferences.items() if key != "nextPlannedWakeupTime"})
+        kept = {
+            key: value for key, value in self.before.preferences.items() if key != "nextPlannedWakeupTime"
+        }
+        self.cleared = dataclasses.replace(self.before, jobs={}, preferences=kept)
 
     def mend(self, clock=SYNCHRONISED):
-        return self.runDaemon(traced(clock))
+        return self.runDaemon(host.traced(MEND, clock))
 
     def testThatTheDaemonPlansAnew(self):
         log = self.mend()
@@ -60,61 +51,58 @@ class MendTest(host.Test):
         self.assertEqual(self.mend(), [])
 
     def testWhenItStays(self):
-        for clock, reason in ((UNSYNCHRONISED, []),
-                              (REFUSES, ["the kernel does not tell of its clock: Operation not permitted"])):
+        refused = "the kernel does not tell of its clock: Operation not permitted"
+        for clock, reason in ((UNSYNCHRONISED, []), (REFUSES, [refused])):
             with self.subTest(clock):
                 host.restore(self.far)
-                log = self.mend(clock)
-                self.assertEqual(log[1:], reason + [CLEARS if UP_FOR_LONG else STAYS])
+                self.assertEqual(self.mend(clock)[1:], reason + [CLEARS if UP_FOR_LONG else STAYS])
                 self.assertEqual(host.readState(), self.cleared if UP_FOR_LONG else self.before)
 
     def testFoldersWithNothingToMend(self):
-        for name, files in (("plan for tomorrow", self.usual), ("no folder", None), ("no file", {}),
-                            ("empty file", {"volorn.db": b""}), ("no database", {"volorn.db": b"nothing" * 1000})):
-            with self.subTest(name):
+        for files in (self.usual, None, {}, {"volorn.db": b""}, {"volorn.db": b"nothing" * 1000}):
+            with self.subTest(str(files)[:40]):
                 host.restore(files)
                 self.assertEqual(self.mend(), [])
                 self.assertEqual((host.STATE.exists(), host.save()), (files is not None, files or {}))
 
-    def testPlanThatTheJobAloneHolds(self):
+    def testPlanThatTheJobAloneHoldsInAnothersFolder(self):
+        owner = host.OTHER_USER if host.HAS_OTHER_USERS else 0
+        host.restore(self.far, owner)
         host.editState("DELETE FROM preference WHERE key = 'nextPlannedWakeupTime'")
         self.assertEqual(self.mend()[1:], [CLEARS])
         self.assertEqual(host.readState(), self.cleared)
+        self.assertEqual(host.owners(), {(owner, owner)})
 
     def testFileThatCannotBeWritten(self):
         with host.mounted("--bind", "-o", "ro", str(host.STATE), str(host.STATE)):
-            log = self.mend()
-            self.assertRegex("\n".join(log[1:]), f"^state file {host.FILE}: .*; nothing of this run is kept$")
+            log = "\n".join(self.mend()[1:])
+        self.assertRegex(log, f"^state file {host.FILE}: .*; nothing of this run is kept$")
         self.assertEqual(host.save(), self.far)
-
-    def testInAnothersFolder(self):
-        owner = host.OTHER_USER if host.HAS_OTHER_USERS else 0
-        host.restore(self.far, owner)
-        self.mend()
-        self.assertEqual(host.readState(), self.cleared)
-        self.assertEqual(host.owners(), {(owner, owner)})
 
     def testClockThatIsSetRightMeanwhile(self):
         """A plan for tomorrow, which a clock of 1970 calls far ahead, stays."""
         host.restore(self.usual)
         usual = host.readState()
         clock = host.LIB / "clock"
-        faked = {"LD_PRELOAD": FAKETIME, "FAKETIME_TIMESTAMP_FILE": clock, "FAKETIME_NO_CACHE": 1,
-                 "FAKETIME_DONT_FAKE_MONOTONIC": 1, "TZ": "UTC0"}
-        environment = [part for name, value in faked.items() for part in ("-E", f"{name}={value}")]
-        asked = re.compile(r"adjtimex|clock_adjtime")
-        waits = re.compile(r"flock\(.*EAGAIN")
-        for when, seen, lines, delay in (("while the kernel is asked", asked, 0, ":delay_enter=2000000"),
-                                         ("while another holds the lock", waits, 1, "")):
-            with self.subTest(when), open(host.STATE / "volorn.lock") as lock:
-                if seen is waits:
+        faked = {
+            "LD_PRELOAD": "/usr/$LIB/faketime/libfaketime.so.1",
+            "FAKETIME_TIMESTAMP_FILE": clock,
+            "FAKETIME_NO_CACHE": 1,
+            "FAKETIME_DONT_FAKE_MONOTONIC": 1,
+            "TZ": "UTC0",
+        }
+        command = [*(part for name, value in faked.items() for part in ("-E", f"{name}={value}")), *MEND]
+        for seen, lines, delay in (
+            (r"adjtimex|clock_adjtime", 0, ":delay_enter=2000000"),
+            (r"flock\(.*EAGAIN", 1, ""),  # which another holds
+        ):
+            with self.subTest(seen), open(host.STATE / "volorn.lock") as lock:
+                if lines:
                     fcntl.flock(lock, fcntl.LOCK_EX)
                 clock.write_text("@1970-01-01 00:01:00")
-                TRACE.write_text("")
-                mending = subprocess.Popen(traced(SYNCHRONISED + delay, *environment), stdin=subprocess.DEVNULL,
-                                           stderr=subprocess.PIPE, text=True)
-                while mending.poll() is None and not seen.search(TRACE.read_text()):
-                    time.sleep(0.01)
+                host.TRACE.write_text("")
+                mending = started(command, SYNCHRONISED + delay)
+                host.waitFor(lambda: mending.poll() is not None or re.search(seen, host.TRACE.read_text()))
                 clock.write_text("+0")
                 fcntl.flock(lock, fcntl.LOCK_UN)
                 log = mending.communicate(timeout=120)[1].splitlines()
@@ -122,52 +110,42 @@ class MendTest(host.Test):
                 self.assertEqual(host.readState(), usual)
 
     def testManyAtOnce(self):
-        mendings = [subprocess.Popen(traced(SYNCHRONISED), stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-                    for _ in range(8)]
-        logs = [mending.communicate(timeout=120)[1] for mending in mendings]
+        mendings = [started(MEND, SYNCHRONISED) for _ in range(8)]
+        logs = "".join(mending.communicate(timeout=120)[1] for mending in mendings)
         self.assertEqual([mending.returncode for mending in mendings], [0] * len(mendings), logs)
-        self.assertEqual("".join(logs).count(CLEARS), 1, logs)
-        self.assertNotIn("state file", "".join(logs))
+        self.assertEqual((logs.count(CLEARS), logs.count("state file")), (1, 0), logs)
         self.assertEqual(host.readState(), self.cleared)
 
     def testKilledOnTheWay(self):
         self.mend()
-        calls = re.findall(r"^\d+ +(f?sync|fdatasync|flock|fcntl|openat|pwrite64|ftruncate|unlink)\(", TRACE.read_text(),
-                           re.MULTILINE)
+        calls = list(host.tracedCalls("f?sync|fdatasync|flock|fcntl|openat|pwrite64|ftruncate|unlink"))
         self.assertGreater(len(calls), 20, "a trace of a whole mending")
-        found = []
-        for number, name in enumerate(calls):
-            host.restore(self.far)
-            ordinal = calls[:number + 1].count(name)
-            killed = subprocess.run(traced(SYNCHRONISED, "-e", f"inject={name}:signal=SIGKILL:when={ordinal}"),
-                                    stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=120, check=False)
-            with self.subTest(f"{name} number {ordinal}"):
-                self.assertIn(killed.returncode, (0, -signal.SIGKILL))
+        found = set()
+        for call in calls:
+            with self.subTest(call):
+                host.restore(self.far)
+                host.killedAt(MEND, *call, SYNCHRONISED)
                 left = host.save()
                 state = host.readCopy(left)
                 self.assertIn(state, (self.before, self.cleared))
-                found.append((isCleared(state), left["volorn.db-journal"][:8] != bytes(8)))
-                self.assertEqual(self.mend()[1:], [] if isCleared(state) else [CLEARS])
+                cleared = state == self.cleared
+                found.add((cleared, left["volorn.db-journal"][:8] != bytes(8)))
+                self.assertEqual(self.mend()[1:], [] if cleared else [CLEARS])
                 self.assertEqual(host.readState(), self.cleared)
         # Some were cut off with a journal that the next one had to take back first.
-        self.assertEqual(set(found), {(False, False), (False, True), (True, False)})
+        self.assertEqual(found, {(False, False), (False, True), (True, False)})
 
     def testBeforeEachStartThatServeMakes(self):
-        with open(host.LIB / "log", "w", encoding="utf-8") as log:
-            server = subprocess.Popen(traced(SYNCHRONISED, command=("serve", "--daemon", host.VOLORND)),
-                                      stdin=subprocess.DEVNULL, stderr=log, start_new_session=True)
-        try:
-            deadline = time.monotonic() + 60
-            while len(host.readState().snapshots) < 2 and time.monotonic() < deadline:
-                time.sleep(0.05)
-        finally:
-            os.killpg(server.pid, signal.SIGKILL)
-            server.wait()
-        lines = (host.LIB / "log").read_text().splitlines()
+        serve = [MEND[0], "serve", "--daemon", host.VOLORND]
+        with started(serve, SYNCHRONISED, start_new_session=True) as server:
+            try:
+                host.waitFor(lambda: len(host.readState().snapshots) == 2)
+            finally:
+                os.killpg(server.pid, signal.SIGKILL)
+            lines = server.communicate()[1].splitlines()
         self.checkRun(dataclasses.replace(self.cleared, preferences={}), host.readState())
-        started = [line for line in lines if line.startswith("waketide: started")]
-        self.assertEqual(len(started), 1, lines)
-        self.assertLess(lines.index(CLEARS), lines.index(started[0]))
+        (start,) = [line for line in lines if line.startswith("waketide: started")]
+        self.assertLess(lines.index(CLEARS), lines.index(start))
 
 
 if __name__ == "__main__":

@@ -1,56 +1,66 @@
-"""waketide serve, with a script in the daemon's place. Arguments: the folder of the built programs."""
+"""waketide serve, with a script in the daemon's place."""
+
 import os
-import pathlib
 import shutil
 import signal
+import socket
 import sqlite3
+import struct
 import subprocess
-import sys
-import tempfile
 import time
-import unittest
 
-sys.dont_write_bytecode = True
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
-import state_tables
+import host
+from host import waitFor
 
-BUILD = os.path.abspath(sys.argv.pop(1))
-REFERENCE_DATE = 978307200  # seconds since 1970
-DAY = 86400
+WAKETIDE = str(host.PROGRAMS / "waketide")
+DAY = host.DAY_SECONDS
 PAGE = 4096  # what a look reads of the file at least, and the notices of a change do not
-JOB = "com.zorvik.volorn.logcreation"
 LATE_SECONDS = 120  # by which a busy machine may start the daemon late
+STARTS = host.LIB / "starts"
+LOG = host.LIB / "log"
 
 # Notes its start and its process.
-DAEMON = """#!/usr/bin/python3
-import os, signal, sys, time
-sys.dont_write_bytecode = True
-sys.path.insert(0, {tests!r})
-with open({starts!r}, "a") as starts:
-    starts.write("%f %d\\n" % (time.time(), os.getpid()))
-{body}
-"""
+DAEMON = '#!/bin/sh\necho "$(date +%s.%N) $$" >>{starts}\n{body}\n'
 
 
-def wait_for(condition, seconds=300):
-    """What the condition gives as soon as it is true; else its last answer."""
-    deadline = time.monotonic() + seconds
-    while not (answer := condition()) and time.monotonic() < deadline:
-        time.sleep(0.005)
-    return answer
+def writeRow(opens, state=host.STATE):
+    """With the file, where there is none."""
+    state.mkdir(parents=True, exist_ok=True)
+    with host.opened(state / "volorn.db") as database:
+        database.execute("BEGIN IMMEDIATE")
+        if database.execute("SELECT count(*) FROM sqlite_schema").fetchone() == (0,):
+            host.createTables(database)
+        start = opens - host.REFERENCE_DATE
+        database.execute("REPLACE INTO job VALUES (?, ?, ?)", (host.JOB, start, start + 7 * DAY))
+        database.execute("COMMIT")
 
 
-def write_row(directory, start_1970):
-    os.makedirs(directory, exist_ok=True)
-    database = sqlite3.connect(os.path.join(directory, "volorn.db"), isolation_level=None)
-    start = start_1970 - REFERENCE_DATE
-    database.execute("PRAGMA journal_mode = PERSIST")
-    database.execute("BEGIN IMMEDIATE")
-    if database.execute("SELECT count(*) FROM sqlite_schema").fetchone() == (0,):
-        state_tables.create(database)
-    database.execute("REPLACE INTO job VALUES (?, ?, ?)", (JOB, start, start + 7 * DAY))
-    database.execute("COMMIT")
-    database.close()
+def registering(seconds):
+    opens = f"(julianday() - 2440587.5) * 86400 - {host.REFERENCE_DATE} + {seconds}"
+    row = f"REPLACE INTO job SELECT '{host.JOB}', i, i + 604800.0 FROM (SELECT {opens} i)"
+    return f'sqlite3 -cmd ".timeout 30000" {host.FILE} "{row}"'
+
+
+def daemon(body="", path=host.LIB / "daemon"):
+    path.write_text(DAEMON.format(starts=STARTS, body=body))
+    path.chmod(0o755)
+    return str(path)
+
+
+def starts():
+    """(time, process) of each."""
+    lines = STARTS.read_text().splitlines(keepends=True) if STARTS.exists() else []
+    return [(float(line.split()[0]), int(line.split()[1])) for line in lines if line.endswith("\n")]
+
+
+def books():
+    """The numbers of the newest mark: plugged in is the third, last the fourth, usage the sixth."""
+    try:
+        with host.opened() as database:
+            row = database.execute("SELECT books FROM usage_books").fetchone()
+    except sqlite3.Error:
+        return None
+    return [int(number) for number in row[0].split()[:7]] if row else None
 
 
 def alive(pid):
@@ -61,221 +71,221 @@ def alive(pid):
         return False
 
 
-def to_midnight():
-    return DAY - time.time() % DAY
+class Server:
+    def __init__(self, test, *arguments, program=WAKETIDE, state=host.STATE):
+        self.test = test
+        with open(LOG, "w", encoding="utf-8") as log:
+            self.process = subprocess.Popen(
+                [program, "serve", "--state-dir", str(state), *arguments], stderr=log
+            )
+        test.addCleanup(lambda: (self.process.kill(), self.process.wait()))
 
+    def read(self, name):
+        with open(f"/proc/{self.process.pid}/{name}", encoding="utf-8") as file:
+            return file.read()
 
-class ServeTest(unittest.TestCase):
-    def setUp(self):
-        self.folder = tempfile.mkdtemp(prefix="volorn-test-")
-        self.addCleanup(shutil.rmtree, self.folder)
-        self.state = os.path.join(self.folder, "state")
-        self.starts_file = os.path.join(self.folder, "starts")
-        self.log_file = os.path.join(self.folder, "log")
-        if to_midnight() < 60:  # a row that stays open is started again then
-            time.sleep(to_midnight() + 1)
+    def bytesRead(self):
+        return int(self.read("io").split()[1])
 
-    def daemon(self, body="", name="daemon"):
-        path = os.path.join(self.folder, name)
-        with open(path, "w", encoding="utf-8") as script:
-            script.write(DAEMON.format(tests=os.path.dirname(os.path.abspath(__file__)),
-                                       starts=self.starts_file, body=body))
-        os.chmod(path, 0o755)
-        return path
-
-    def registering(self, seconds_from_now):
-        return (f"sys.argv[1:] = ['.']; import serve_test, time\n"
-                f"serve_test.write_row({self.state!r}, time.time() + {seconds_from_now})")
-
-    def serve(self, daemon, *more, program=os.path.join(BUILD, "waketide")):
-        arguments = [program, "serve", "--state-dir", self.state, *more]
-        if daemon:
-            arguments += ["--daemon", daemon]
-        with open(self.log_file, "w", encoding="utf-8") as log:
-            process = subprocess.Popen(arguments, stderr=log)
-        self.addCleanup(lambda: (process.kill(), process.wait()))
-        return process
-
-    def starts(self):
-        """(time, process) of each."""
-        try:
-            with open(self.starts_file, encoding="utf-8") as starts:
-                return [(float(line.split()[0]), int(line.split()[1])) for line in starts if line.endswith("\n")]
-        except FileNotFoundError:
-            return []
-
-    def log(self):
-        with open(self.log_file, encoding="utf-8") as log:
-            return log.read()
-
-    def ends(self, process, number=signal.SIGTERM):
-        """Stops it: its status. A busy machine takes longer than the second in which it is to be done."""
-        process.send_signal(number)
-        return process.wait(timeout=300)
-
-    @staticmethod
-    def waits_in(process, call):
+    def sleeps(self, call="poll"):
         """Waits until it waits itself, in the kernel's `call`."""
-        def state():
-            with open(f"/proc/{process.pid}/wchan", encoding="utf-8") as channel:
-                return call in channel.read()
-        return wait_for(state)
+        self.test.assertTrue(waitFor(lambda: call in self.read("wchan")), call)
 
-    def sleeps(self, process):
-        return self.waits_in(process, "poll")
-
-    def ran(self, process, times):
+    def ran(self, times):
         """Waits until the daemon was started so many times and what the last run left was looked at."""
-        return (wait_for(lambda: len(self.starts()) == times)
-                and wait_for(lambda: not os.path.exists(f"/proc/{self.starts()[-1][1]}"))
-                and self.sleeps(process))
+        self.test.assertTrue(waitFor(lambda: len(starts()) == times), starts())
+        self.test.assertTrue(waitFor(lambda: not os.path.exists(f"/proc/{starts()[-1][1]}")))
+        self.sleeps()
 
-    @staticmethod
-    def bytes_read(process):
-        with open(f"/proc/{process.pid}/io", encoding="utf-8") as counters:
-            return int(counters.readline().split()[1])
+    def says(self, text):
+        self.test.assertTrue(waitFor(lambda: text in LOG.read_text()), f"{text}: {LOG.read_text()}")
 
-    def test_window_that_opens_soon(self):
-        opens = time.time() + 2
-        write_row(self.state, opens)
-        process = self.serve(self.daemon(self.registering(DAY)))
-        self.assertTrue(self.sleeps(process))
-        read = self.bytes_read(process)
-        self.assertTrue(wait_for(self.starts))
-        self.assertLess(self.bytes_read(process), read + 10 * PAGE, "it looked while nothing happened")
-        self.assertGreaterEqual(self.starts()[0][0], opens)
-        self.assertLess(self.starts()[0][0], opens + LATE_SECONDS)
-        self.assertEqual(self.ends(process), 0)
-        self.assertEqual(len(self.starts()), 1)
+    def ends(self, number=signal.SIGTERM, status=0):
+        """A busy machine takes longer than the second in which it is to be done."""
+        self.process.send_signal(number)
+        self.test.assertEqual(self.process.wait(timeout=300), status)
 
-    def test_row_changes_while_asleep(self):
-        write_row(self.state, time.time() + DAY / 2)
-        process = self.serve(self.daemon(self.registering(DAY)))
-        self.assertTrue(self.sleeps(process))
-        write_row(self.state, time.time() + DAY / 4)
-        self.assertEqual(self.starts(), [])
+
+class ServeTest(host.Test):
+    def setUp(self):
+        super().setUp()
+        host.keepOffMidnight(60)
+
+    def serve(self, body="", *arguments):
+        return Server(self, "--daemon", daemon(body), *arguments)
+
+    def testWindowThatOpens(self):
+        opens = time.time() + 3
+        writeRow(opens)
+        looked_at = host.LIB / "looked at"
+        server = self.serve(f"until [ -e '{looked_at}' ]; do sleep 0.05; done; {registering(DAY)}")
+        server.sleeps()
+        read = server.bytesRead()
+        self.assertTrue(waitFor(starts))
+        self.assertLess(server.bytesRead(), read + 10 * PAGE, "it looked while nothing happened")
+        looked_at.touch()
+        self.assertTrue(opens <= starts()[0][0] < opens + LATE_SECONDS)
+        server.ran(1)
+        writeRow(time.time() + DAY / 4)
         opens = time.time() + 0.5
-        write_row(self.state, opens)
-        self.assertTrue(wait_for(self.starts))
-        self.assertTrue(opens <= self.starts()[0][0] < opens + LATE_SECONDS)
-        self.assertTrue(self.ran(process, 1))
+        writeRow(opens)
+        server.ran(2)
+        self.assertTrue(opens <= starts()[1][0] < opens + LATE_SECONDS)
         # A file that takes the old one's place is noticed, too.
-        replacement = os.path.join(self.folder, "replacement")
-        write_row(replacement, time.time())
-        os.rename(os.path.join(replacement, "volorn.db"), os.path.join(self.state, "volorn.db"))
-        self.assertTrue(self.ran(process, 2))
-        self.assertEqual(self.ends(process), 0)
+        replacement = host.LIB / "replacement"
+        writeRow(time.time(), replacement)
+        os.rename(replacement / "volorn.db", host.FILE)
+        server.ran(3)
+        server.ends()
+        self.assertEqual(len(starts()), 3)
 
-    def test_folder_comes_goes_and_is_exchanged(self):
-        self.state = os.path.join(self.folder, "var", "lib", "volorn")
-        process = self.serve(self.daemon())
-        self.assertTrue(self.ran(process, 1), "no row")
-        write_row(self.state, time.time())
-        self.assertTrue(self.ran(process, 2), "an open row appears")
-        os.rename(self.state, self.state + ".old")
-        self.assertTrue(self.ran(process, 3), "no row any more")
-        shutil.rmtree(os.path.join(self.folder, "var"))
-        write_row(self.state, time.time())
-        self.assertTrue(self.ran(process, 4), "another open row appears")
-        self.assertEqual(self.ends(process), 0)
+    def testFolderComesGoesAndIsExchanged(self):
+        above = host.LIB / "above"
+        state = above / "lib" / "volorn"
+        server = Server(self, "--daemon", daemon(), state=state)
+        server.ran(1)  # no row
+        writeRow(time.time(), state)
+        server.ran(2)  # an open row appears
+        os.rename(state, host.LIB / "old")
+        server.ran(3)  # no row any more
+        shutil.rmtree(above)
+        writeRow(time.time(), state)
+        server.ran(4)  # another open row appears
+        server.ends()
 
-    def test_row_that_stays_due_is_started_once(self):
-        bodies = {
-            "succeeds": "",
-            "fails": "sys.exit(3)",
-            "crashes": "os.kill(os.getpid(), signal.SIGSEGV)",
-            "registers an expired row": self.registering(-8 * DAY),
-            "registers one that is too far ahead": self.registering(10 * DAY),
-        }
-        said = {"fails": "ended with status 3", "crashes": "was ended by SIGSEGV"}
-        for name, body in bodies.items():
-            with self.subTest(name):
-                if os.path.exists(self.starts_file):
-                    os.unlink(self.starts_file)
-                write_row(self.state, time.time() - 5)
-                process = self.serve(self.daemon(body))
-                self.assertTrue(self.ran(process, 1))
-                self.assertIn(said.get(name, ""), self.log())
+    def testRowThatStaysDueIsStartedOnce(self):
+        for body, said in (
+            ("exit 3", "ended with status 3"),
+            ("kill -SEGV $$", "was ended by SIGSEGV"),
+            (registering(-8 * DAY), ""),
+            (registering(10 * DAY), ""),
+        ):
+            with self.subTest(body):
+                STARTS.unlink(missing_ok=True)
+                writeRow(time.time() - 5)
+                server = self.serve(body)
+                server.ran(1)
+                server.says(said)
                 # A file that is touched is looked at, and its row known again.
-                read = self.bytes_read(process)
-                os.utime(os.path.join(self.state, "volorn.db"))
-                self.assertTrue(wait_for(lambda: self.bytes_read(process) >= read + PAGE))
-                self.assertTrue(self.sleeps(process))
-                self.assertEqual(self.ends(process), 0)
-                self.assertEqual(self.log().count("started"), 1)
+                read = server.bytesRead()
+                os.utime(host.FILE)
+                self.assertTrue(waitFor(lambda: server.bytesRead() >= read + PAGE))
+                server.sleeps()
+                server.ends()
+                self.assertEqual(LOG.read_text().count("started"), 1)
 
-    def test_daemon_that_cannot_be_executed(self):
-        process = self.serve(os.path.join(self.folder, "missing"))
-        self.assertTrue(wait_for(lambda: "ended with status 127" in self.log()))
-        self.assertIn("missing: No such file or directory", self.log())
-        self.assertEqual(self.ends(process), 0)
-        self.assertEqual(self.log().count("started"), 1)
+    def testDaemonThatCannotBeExecuted(self):
+        server = Server(self, "--daemon", "/missing")
+        server.says("ended with status 127")
+        server.says("/missing: No such file or directory")
+        server.sleeps()
+        server.ends()
+        self.assertEqual(LOG.read_text().count("started"), 1)
 
-    def test_daemon_beside_the_program(self):
-        program = shutil.copy(os.path.join(BUILD, "waketide"), self.folder)
-        self.daemon(name="volornd")
-        self.serve(None, program=program)
-        self.assertTrue(wait_for(self.starts))
+    def testDaemonBesideTheProgram(self):
+        daemon(path=host.LIB / "volornd")
+        Server(self, program=host.reachable(WAKETIDE))
+        self.assertTrue(waitFor(starts))
 
-    def test_stop_while_idle(self):
-        write_row(self.state, time.time() + DAY / 2)
+    def testStopWhileNothingRuns(self):
+        writeRow(time.time() + DAY / 2)
         for number in (signal.SIGTERM, signal.SIGINT):
-            process = self.serve(self.daemon())
-            self.assertTrue(self.sleeps(process))
-            self.assertEqual(self.ends(process, number), 0)
-        self.assertEqual(self.starts(), [])
+            server = self.serve()
+            server.sleeps()
+            server.ends(number)
+        with host.opened() as database:
+            database.execute("BEGIN EXCLUSIVE")
+            server = self.serve()
+            server.sleeps("nanosleep")
+            server.ends()
+        self.assertEqual(starts(), [])
 
-    def test_stop_while_the_file_is_locked(self):
-        write_row(self.state, time.time() + DAY / 2)
-        database = sqlite3.connect(os.path.join(self.state, "volorn.db"), isolation_level=None)
-        database.execute("BEGIN EXCLUSIVE")
-        process = self.serve(self.daemon())
-        self.assertTrue(self.waits_in(process, "nanosleep"))
-        self.assertEqual(self.ends(process), 0)
-        database.close()
-
-    def test_no_child_is_left(self):
-        ignores = "signal.signal(signal.SIGTERM, signal.SIG_IGN); open({!r}, 'w'); time.sleep(3600)"
+    def testNoChildIsLeft(self):
+        ready = host.LIB / "ready"
         for number, status in ((signal.SIGTERM, 0), (signal.SIGKILL, -signal.SIGKILL)):
             with self.subTest(number):
-                ready = os.path.join(self.folder, f"ready{number}")
-                process = self.serve(self.daemon(ignores.format(ready)))
-                self.assertTrue(wait_for(lambda: os.path.exists(ready)))
-                self.assertEqual(self.ends(process, number), status)
-                self.assertTrue(wait_for(lambda: not alive(self.starts()[-1][1])))
+                ready.unlink(missing_ok=True)
+                server = self.serve(f"trap '' TERM; touch {ready}; exec sleep 3600")
+                self.assertTrue(waitFor(ready.exists))
+                server.ends(number, status)
+                self.assertTrue(waitFor(lambda: not alive(starts()[-1][1])))
 
-    def test_run_that_does_not_end(self):
-        process = self.serve(self.daemon("time.sleep(3600)"), "--run-limit", "1")
-        self.assertTrue(wait_for(lambda: "was ended by SIGKILL" in self.log()))
-        self.assertIn("did not end within 1 s", self.log())
-        for _, pid in self.starts():  # none, where the limit came before it could note its start
+    def testRunThatDoesNotEnd(self):
+        server = self.serve("exec sleep 3600", "--run-limit", "1")
+        server.says("was ended by SIGKILL")
+        server.says("did not end within 1 s")
+        for _, pid in starts():  # none, where the limit came before it could note its start
             self.assertFalse(alive(pid))
-        self.assertEqual(self.ends(process), 0)
+        server.ends()
 
-    def test_what_the_daemon_inherits(self):
-        result = os.path.join(self.folder, "result")
-        write_row(self.state, time.time())
-        self.serve(self.daemon(f"""
-status = open("/proc/self/status").read()
-with open({result!r} + ".new", "w") as out:
-    out.write("%s %s %d" % ([line.split()[1] for line in status.splitlines() if line.startswith("SigBlk")],
-                            sorted(os.listdir("/proc/self/fd"))[:3], len(sys.stdin.read())))
-os.rename({result!r} + ".new", {result!r})"""))
-        self.assertTrue(wait_for(lambda: os.path.exists(result)))
-        with open(result, encoding="utf-8") as found:
-            self.assertEqual(found.read(), "['0000000000000000'] ['0', '1', '2'] 0")
+    def testWhatTheDaemonInherits(self):
+        result = host.LIB / "result"
+        writeRow(time.time())
+        words = "(grep -c SigBlk:.0000000000000000 /proc/self/status; ls -v /proc/$$/fd | head -n 3; wc -c)"
+        self.serve(f"{words} | xargs >{result}.new; mv {result}.new {result}")
+        self.assertTrue(waitFor(result.exists))
+        self.assertEqual(result.read_text(), "1 0 1 2 0\n")
 
-    def test_usage(self):
-        for arguments, status, text in (([], 2, "subcommand"), (["nap"], 2, "subcommand"), (["serve", "--nap"], 2, "--nap"),
-                                        (["serve", "--run-limit", "0"], 2, "--run-limit"),
-                                        (["serve", "--state-dir", ""], 2, "--state-dir"),
-                                        (["--version"], 0, "waketide 0.1.0\n"), (["--help"], 0, "serve"),
-                                        (["serve", "--help"], 0, "--state-dir")):
-            result = subprocess.run([os.path.join(BUILD, "waketide"), *arguments], capture_output=True, text=True,
-                                    timeout=300, check=False)
-            self.assertEqual(result.returncode, status, arguments)
-            self.assertIn(text, result.stderr if status else result.stdout)
+    def testMarksAtEachEdge(self):
+        """A gauge that tells nothing new, a plug that flaps, and the end; the kernel hands on the events that we make in
+        a network of our own."""
+        supplies = host.SYS_CLASS / "power_supply"
+        for file, text in (
+            ("AC/type", "Mains"),
+            ("AC/online", "1"),
+            ("BAT0/type", "Battery"),
+            ("BAT0/status", "Full"),
+        ):
+            (supplies / file).parent.mkdir(parents=True, exist_ok=True)
+            (supplies / file).write_text(text)
+        writeRow(time.time() + DAY / 2)
+        server = self.serve()
+        self.assertTrue(waitFor(books))
+        kernel = socket.socket(socket.AF_NETLINK, socket.SOCK_DGRAM, 15)  # NETLINK_KOBJECT_UEVENT
+        self.addCleanup(kernel.close)
+
+        def change(online):
+            (supplies / "BAT0/status").write_text("Charging" if online else "Discharging")
+            (supplies / "AC/online").write_text(str(int(online)))
+            event = b"change@/AC\0ACTION=change\0SUBSYSTEM=power_supply\0"
+            kernel.sendto(struct.pack("IHHII", 16 + len(event), 16, 1, 0, 0) + event, (0, 0))
+
+        on_battery = 0
+        for number in range(60):
+            since = time.monotonic()
+            change(number % 2)
+            time.sleep(0.2)
+            on_battery += 0 if number % 2 else time.monotonic() - since
+        self.assertTrue(waitFor(lambda: books()[2] == 1))
+        self.assertAlmostEqual(books()[5] / 1e9, on_battery, delta=2)
+        for _ in range(5):  # no news
+            time.sleep(0.3)
+            change(True)
+        time.sleep(1)
+        started = server.read("stat").split()[15:17]
+        for _ in range(20):
+            change(True)
+        server.sleeps()
+        self.assertEqual(server.read("stat").split()[15:17], started)
+        change(False)
+        self.assertTrue(waitFor(lambda: books()[2] == 0))
+        server.ends()
+        self.assertEqual(books()[3], 1)
+        self.assertEqual(LOG.read_text(), "")
+
+    def testUsage(self):
+        for arguments, status, text in (
+            ("", 2, "subcommand"),
+            ("serve --nap", 2, "--nap"),
+            ("serve --run-limit 0", 2, "--run-limit"),
+            ("serve --state-dir=", 2, "--state-dir"),
+            ("--version", 0, "waketide 0.1.0\n"),
+            ("serve --help", 0, "--state-dir"),
+        ):
+            found, *texts = host.run(WAKETIDE, *arguments.split())
+            self.assertEqual(found, status, arguments)
+            self.assertIn(text, texts[1 if status else 0])
 
 
 if __name__ == "__main__":
-    unittest.main()
+    host.main("--net")

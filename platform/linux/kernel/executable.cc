@@ -42,7 +42,7 @@ std::optional<BuildId> readBuildId(int file) {
     const auto segment = parseElfSegment(readAt(file, offset, bytes), *header);
     if (!segment) return std::nullopt;
     if (!segment->is_notes || segment->size_bytes > kMostNoteBytes) continue;
-    std::vector<char> notes(segment->size_bytes);
+    std::vector<char> notes(static_cast<std::size_t>(segment->size_bytes));
     const auto id = findBuildId(readAt(file, segment->offset, notes), *segment, *header);
     if (id) return id;
   }

@@ -1,7 +1,8 @@
 #include "platform/linux/kernel/numbered_entries.h"
 
 #include <dirent.h>
-#include <sys/types.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <charconv>
@@ -15,14 +16,14 @@ namespace {
 // Returns 0 or errno.
 template <typename Visit>
 int visitEntries(int folder_fd, Visit visit) {
-  alignas(dirent64) char buffer[32768];
+  alignas(dirent) char buffer[32768];
   for (;;) {
-    const ssize_t filled = getdents64(folder_fd, buffer, sizeof buffer);
+    const long filled = syscall(SYS_getdents64, folder_fd, buffer, sizeof buffer);
     if (filled < 0) return errno;
     if (filled == 0) return 0;
-    for (ssize_t at = 0; at < filled;) {
+    for (long at = 0; at < filled;) {
       const void* place = buffer + at;
-      const auto* entry = static_cast<const dirent64*>(place);
+      const auto* entry = static_cast<const dirent*>(place);
       visit(std::string_view(entry->d_name));
       at += entry->d_reclen;
     }

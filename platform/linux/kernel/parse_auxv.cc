@@ -15,8 +15,9 @@ constexpr std::uint32_t kType64 = 0x100000C;
 constexpr std::uint32_t kType32 = 18;
 constexpr std::uint32_t kType64 = 0x1000012;
 #else
-constexpr std::uint32_t kType32 = 0;
-constexpr std::uint32_t kType64 = 0;
+// One that the sampler has no type for is shown as that of the widest range.
+constexpr std::uint32_t kType32 = 0x1000012;
+constexpr std::uint32_t kType64 = 0x1000012;
 #endif
 
 }  // namespace

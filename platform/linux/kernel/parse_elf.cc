@@ -79,13 +79,16 @@ std::optional<BuildId> findBuildId(std::string_view notes, const ElfSegment& seg
     const std::uint64_t content_at = padded(sizeof(*note) + name_size);
     if (content_at > notes.size() || content_size > notes.size() - content_at) break;
     const bool is_build_id = inOwnOrder(note->n_type, header.is_swapped) == NT_GNU_BUILD_ID &&
-                             notes.substr(sizeof(*note), name_size) == "GNU\0"sv;
+                             notes.substr(sizeof(*note), static_cast<std::size_t>(name_size)) == "GNU\0"sv;
     if (is_build_id && content_size > 0) {
       BuildId id = {};
-      std::memcpy(id.data(), notes.data() + content_at, std::min<std::size_t>(id.size(), content_size));
+      const auto content = notes.substr(static_cast<std::size_t>(content_at));
+      std::memcpy(id.data(), content.data(),
+                  static_cast<std::size_t>(std::min<std::uint64_t>(id.size(), content_size)));
       return id;
     }
-    notes.remove_prefix(std::min<std::size_t>(notes.size(), padded(content_at + content_size)));
+    notes.remove_prefix(
+        static_cast<std::size_t>(std::min<std::uint64_t>(notes.size(), padded(content_at + content_size))));
   }
   return std::nullopt;
 }

@@ -6,9 +6,8 @@
 
 namespace volorn::linux_host {
 
-std::optional<SystemStat> parseSystemStat(std::string_view text) {
+std::optional<SystemTicks> parseSystemTicks(std::string_view text) {
   constexpr std::string_view kTicks = "cpu ";
-  constexpr std::string_view kBootTime = "btime ";
   if (!text.starts_with(kTicks)) return std::nullopt;
   FieldReader fields(takeLine(text).substr(kTicks.size()));
   std::array<std::uint64_t, 7> columns = {};
@@ -16,19 +15,8 @@ std::optional<SystemStat> parseSystemStat(std::string_view text) {
     if (!fields.take(column)) return std::nullopt;
   }
   const auto [user, nice, system, idle, waiting, interrupts, soft_interrupts] = columns;
-  SystemStat stat;
-  // The record's counters wrap.
-  stat.ticks = {.user = static_cast<std::uint32_t>(user),
-                .system = static_cast<std::uint32_t>(system + interrupts + soft_interrupts),
-                .idle = static_cast<std::uint32_t>(idle + waiting),
-                .nice = static_cast<std::uint32_t>(nice)};
-  while (!text.empty()) {
-    const std::string_view line = takeLine(text);
-    if (!line.starts_with(kBootTime)) continue;
-    if (!FieldReader(line.substr(kBootTime.size())).take(stat.boot_time_seconds)) break;
-    return stat;
-  }
-  return std::nullopt;
+  return SystemTicks{
+      .user = user, .system = system + interrupts + soft_interrupts, .idle = idle + waiting, .nice = nice};
 }
 
 }  // namespace volorn::linux_host

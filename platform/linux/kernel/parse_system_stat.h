@@ -4,22 +4,22 @@
 #include <optional>
 #include <string_view>
 
-#include "platform/kernel_records.h"
-
 namespace volorn::linux_host {
 
-struct SystemStat {
-  CpuTicks ticks = {};                 // interrupts count as system, waiting for devices as idle
-  std::int64_t boot_time_seconds = 0;  // since 1 January 1970 UTC
+// Of all processors, since the system started.
+struct SystemTicks {
+  std::uint64_t user = 0;
+  std::uint64_t system = 0;  // interrupts, too
+  std::uint64_t idle = 0;    // waiting for devices, too; known to fall now and then
+  std::uint64_t nice = 0;
+
+  bool operator==(const SystemTicks&) const = default;
 };
 
-// The text of /proc/stat:
+// The first line of the text of /proc/stat:
 //   cpu  80259 7441 16202 519244 1018 0 199 45 0 0
-//   cpu0 37603 2848 7215 264237 178 0 21 20 0 0
-//   intr 744258 0 0 0
-//   btime 1795384488
-// The columns are user, nice, system, idle, waiting, interrupts, soft interrupts. None unless both lines are
+// The columns are user, nice, system, idle, waiting, interrupts, soft interrupts. None unless these are
 // there.
-std::optional<SystemStat> parseSystemStat(std::string_view text);
+std::optional<SystemTicks> parseSystemTicks(std::string_view text);
 
 }  // namespace volorn::linux_host

@@ -1,5 +1,6 @@
 #include "platform/linux/kernel/parse_vmstat.h"
 
+#include <algorithm>
 #include <array>
 
 #include "platform/linux/parse_fields.h"
@@ -23,17 +24,14 @@ constexpr std::array kCounters = {
 
 std::optional<VmCounters> parseVmCounters(std::string_view text) {
   VmCounters counters;
-  unsigned found = 0;  // a bit for each of kCounters
   while (!text.empty()) {
     const std::string_view line = takeLine(text);
     const std::string_view key = line.substr(0, line.find(' '));
-    for (unsigned i = 0; i < kCounters.size(); ++i) {
-      if (kCounters[i].key != key) continue;
-      if (!FieldReader(line.substr(key.size())).take(counters.*kCounters[i].value)) return std::nullopt;
-      found |= 1U << i;
-    }
+    const auto* const counter = std::ranges::find(kCounters, key, &Counter::key);
+    if (counter == kCounters.end()) continue;
+    if (!FieldReader(line.substr(key.size())).take(counters.*counter->value)) return std::nullopt;
   }
-  return found == (1U << kCounters.size()) - 1 ? std::optional(counters) : std::nullopt;
+  return counters;
 }
 
 }  // namespace volorn::linux_host

@@ -19,7 +19,7 @@ struct VmCounters {
 //   pgpgout 3069036
 //   pgactivate 404010
 //   pgfault 33209852
-// None unless each of these is there.
+// A counter that the kernel does not keep is 0. None when one is no number.
 std::optional<VmCounters> parseVmCounters(std::string_view text);
 
 }  // namespace volorn::linux_host

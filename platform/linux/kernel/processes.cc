@@ -34,6 +34,14 @@ bool isShown(int proc_folder, std::int32_t pid) {
   return faccessat(proc_folder, name.data(), F_OK, 0) == 0;
 }
 
+TimeStamp timeOfStart(std::uint64_t start_ticks, std::int64_t boot_time_microseconds) {
+  TimeStamp started = timeOfTicks(start_ticks);
+  const std::int64_t microseconds = boot_time_microseconds + started.microseconds;
+  started.seconds += microseconds / 1'000'000;
+  started.microseconds = static_cast<std::int32_t>(microseconds % 1'000'000);
+  return started;
+}
+
 }  // namespace
 
 LinuxKernel::Tasks& LinuxKernel::tasks() {
@@ -57,37 +65,40 @@ Task* LinuxKernel::askedTask(std::int32_t pid) {
   return asked && asked->pid() == pid ? asked : nullptr;
 }
 
-// Not known where the kernel does not tell when it started.
-TimeStamp LinuxKernel::timeOfStart(std::uint64_t start_ticks) {
-  if (!boot_time_seconds_ && !readBootTime()) return {};
-  TimeStamp started = timeOfTicks(start_ticks);
-  started.seconds += *boot_time_seconds_;
-  return started;
+std::optional<LinuxKernel::Notes> LinuxKernel::notesOn(std::int32_t pid) {
+  const std::lock_guard lock(mutex_);
+  const RememberedProcesses::Process* known = tasks_ ? tasks_->reader.remembered.find(pid) : nullptr;
+  if (!known) return std::nullopt;
+  return Notes{.start_ticks = known->start_ticks,
+               .regions_are_known = known->regions_are_known,
+               .descriptors_are_known = known->descriptors_are_known};
 }
 
 int LinuxKernel::sysctl(SysctlName name, KinfoProc& record) {
-  const std::lock_guard lock(mutex_);
-  const std::optional<std::int32_t> pid = pidBehind(name, kProcessName);
-  if (!pid) return failed(ENOENT);
-  Task& task = taskOf(*pid);
-  const ProcessStat* stat = task.stat();
-  const ProcessStatus* status = task.status();
-  if (!stat || !status) return failed(task.error());
-  record = {.uid = status->effective_uid,
-            .ppid = static_cast<std::uint32_t>(stat->parent),
-            .pgid = static_cast<std::uint32_t>(stat->group),
-            .flags = stat->flags,
-            .started = timeOfStart(stat->start_ticks),
-            .command = {}};
-  stat->name().copy(record.command.data(), record.command.size() - 1);
-  return 0;
+  return call(-1, [&]() -> int {
+    const std::optional<std::int32_t> pid = pidBehind(name, kProcessName);
+    if (!pid) return failed(ENOENT);
+    Task& task = taskOf(*pid);
+    const ProcessStat* stat = task.stat();
+    const ProcessStatus* status = task.status();
+    if (!stat || !status) return failed(task.error());
+    record = {.uid = status->effective_uid,
+              .ppid = static_cast<std::uint32_t>(stat->parent),
+              .pgid = static_cast<std::uint32_t>(stat->group),
+              .flags = stat->flags,
+              .started = timeOfStart(stat->start_ticks, tasks().reader.boot_time.microseconds()),
+              .command = {}};
+    stat->name().copy(record.command.data(), record.command.size() - 1);
+    return 0;
+  });
 }
 
 int LinuxKernel::sysctl(SysctlName name, std::byte* buffer, std::size_t& length_bytes) {
-  const std::lock_guard lock(mutex_);
-  if (is(name, kInterfaceListName)) return readInterfaceList(buffer, length_bytes);
-  const std::optional<std::int32_t> pid = pidBehind(name, kArgumentsName);
-  return pid ? readArguments(taskOf(*pid), buffer, length_bytes) : failed(ENOENT);
+  return call(-1, [&]() -> int {
+    if (is(name, kInterfaceListName)) return readInterfaceList(buffer, length_bytes);
+    const std::optional<std::int32_t> pid = pidBehind(name, kArgumentsName);
+    return pid ? readArguments(taskOf(*pid), buffer, length_bytes) : failed(ENOENT);
+  });
 }
 
 int LinuxKernel::readArguments(Task& task, std::byte* buffer, std::size_t& length_bytes) {
@@ -124,49 +135,54 @@ int LinuxKernel::readProcesses() {
 
 int LinuxKernel::proc_listpids(std::uint32_t type, std::uint32_t /*type_info*/, std::int32_t* buffer,
                                int size_bytes) {
-  const std::lock_guard lock(mutex_);
-  constexpr std::size_t kProcessesThatMayCome = 64;  // until another thread's call, which may come in between
-  if (type != kProcAllPids) return noBytes(EINVAL);
-  // The list that the size was told of: one read later might not fit, and what is cut off may have been there
-  // all the time.
-  const bool is_counted = std::exchange(tasks().pids_are_counted, false);
-  if (const int error = buffer && is_counted ? 0 : readProcesses()) return noBytes(error);
-  const std::vector<std::int32_t>& pids = tasks().pids;
-  if (!buffer) {
-    tasks().pids_are_counted = true;
-    return static_cast<int>((pids.size() + kProcessesThatMayCome) * sizeof(pids[0]));
-  }
-  const std::size_t room = static_cast<std::size_t>(std::max(size_bytes, 0)) / sizeof(pids[0]);
-  const std::size_t filled = std::min(pids.size(), room);
-  std::copy_n(pids.begin(), filled, buffer);
-  return static_cast<int>(filled * sizeof(pids[0]));
+  return call(0, [&]() -> int {
+    constexpr std::size_t kProcessesThatMayCome =
+        64;  // until another thread's call, which may come in between
+    if (type != kProcAllPids) return noBytes(EINVAL);
+    // The list that the size was told of: one read later might not fit, and what is cut off may have been
+    // there all the time.
+    const bool is_counted = std::exchange(tasks().pids_are_counted, false);
+    if (const int error = buffer && is_counted ? 0 : readProcesses()) return noBytes(error);
+    const std::vector<std::int32_t>& pids = tasks().pids;
+    if (!buffer) {
+      tasks().pids_are_counted = true;
+      return static_cast<int>((pids.size() + kProcessesThatMayCome) * sizeof(pids[0]));
+    }
+    const std::size_t room = static_cast<std::size_t>(std::max(size_bytes, 0)) / sizeof(pids[0]);
+    const std::size_t filled = std::min(pids.size(), room);
+    std::copy_n(pids.begin(), filled, buffer);
+    return static_cast<int>(filled * sizeof(pids[0]));
+  });
 }
 
 int LinuxKernel::proc_name(std::int32_t pid, char* buffer, std::uint32_t size_bytes) {
-  const std::lock_guard lock(mutex_);
-  Task& task = taskOf(pid);
-  const std::string_view name = task.readName();
-  if (task.error()) return noBytes(task.error());
-  if (size_bytes == 0) return noBytes(ENOMEM);
-  const std::size_t length = name.copy(buffer, size_bytes - 1);
-  buffer[length] = '\0';
-  return static_cast<int>(length);
+  return call(0, [&]() -> int {
+    Task& task = taskOf(pid);
+    const std::string_view name = task.readName();
+    if (task.error()) return noBytes(task.error());
+    if (size_bytes == 0) return noBytes(ENOMEM);
+    const std::size_t length = name.copy(buffer, size_bytes - 1);
+    buffer[length] = '\0';
+    return static_cast<int>(length);
+  });
 }
 
 int LinuxKernel::proc_pidinfo(std::int32_t pid, ProcTaskAllInfo& /*record*/) {
-  const std::lock_guard lock(mutex_);
-  Task* asked = askedTask(pid);
-  Task& task = asked ? *asked : taskOf(pid);
-  return task.residentBytes() ? ProcTaskAllInfo::kSizeBytes : noBytes(task.error());
+  return call(0, [&]() -> int {
+    Task* asked = askedTask(pid);
+    Task& task = asked ? *asked : taskOf(pid);
+    return task.residentBytes() ? ProcTaskAllInfo::kSizeBytes : noBytes(task.error());
+  });
 }
 
 // Linux keeps no threads for a process's work queues.
 int LinuxKernel::proc_pidinfo(std::int32_t pid, ProcWorkQueueInfo& record) {
-  const std::lock_guard lock(mutex_);
-  Task& task = taskOf(pid);
-  if (!task.stat()) return noBytes(task.error());
-  record = {};
-  return ProcWorkQueueInfo::kSizeBytes;
+  return call(0, [&]() -> int {
+    Task& task = taskOf(pid);
+    if (!task.stat()) return noBytes(task.error());
+    record = {};
+    return ProcWorkQueueInfo::kSizeBytes;
+  });
 }
 
 }  // namespace volorn::linux_host

@@ -15,8 +15,8 @@
 #include "platform/linux/kernel/sysctl_names.h"
 #include "platform/linux/linux_kernel.h"
 #include "platform/linux/page_size.h"
-#include "platform/linux/parse_loadavg.h"
 #include "platform/linux/parse_meminfo.h"
+#include "platform/snapshot_keys.h"
 
 namespace volorn::linux_host {
 namespace {
@@ -58,12 +58,10 @@ int LinuxKernel::readSystemFile(const char* name) {
 }
 
 int LinuxKernel::getloadavg(double samples[], int count) {
-  const std::lock_guard lock(mutex_);
-  if (const int error = readSystemFile("/loadavg")) return failed(error);
-  const LoadAverages averages = parseLoadAverages(buffer_.text());
-  if (averages.count == 0) return failed(ENODATA);
-  const int filled = std::clamp(count, 0, averages.count);
-  std::copy_n(averages.samples.begin(), filled, samples);
+  struct sysinfo info = {};
+  if (system_info_(&info) != 0) return -1;
+  const int filled = std::clamp(count, 0, static_cast<int>(std::size(info.loads)));
+  for (int i = 0; i < filled; ++i) samples[i] = static_cast<double>(info.loads[i]) / (1 << SI_LOAD_SHIFT);
   return filled;
 }
 
@@ -75,12 +73,20 @@ int LinuxKernel::gettimeofday(TimeStamp& now) {
 }
 
 int LinuxKernel::sysctlbyname(std::string_view name, std::int32_t& value) {
-  const std::lock_guard lock(mutex_);
-  if (name != "kern.memorystatus_level") return failed(ENOENT);
+  return call(-1, [&]() -> int {
+    if (name != "kern.memorystatus_level") return failed(ENOENT);
+    if (stand_ins_) stand_ins_->note(snapshot_key::kJetsamLevel, false);  // when memory runs out meanwhile
+    const int result = readMemoryLevel(value);
+    if (stand_ins_) stand_ins_->note(snapshot_key::kJetsamLevel, result == 0);
+    return result;
+  });
+}
+
+int LinuxKernel::readMemoryLevel(std::int32_t& percent) {
   if (const int error = readSystemFile("/meminfo")) return failed(error);
   const MemoryInfo info = parseMemoryInfo(buffer_.text());
   if (!info.available_kib || info.total_kib.value_or(0) == 0) return failed(ENOENT);
-  value = percentOf(*info.available_kib, *info.total_kib);
+  percent = percentOf(*info.available_kib, *info.total_kib);
   return 0;
 }
 
@@ -93,45 +99,48 @@ int LinuxKernel::sysctlnametomib(std::string_view name, std::int32_t components[
 }
 
 int LinuxKernel::sysctl(SysctlName name, std::uint32_t& value) {
-  const std::lock_guard lock(mutex_);
-  if (is(name, kArgumentLimitName)) {
-    value = kArgumentLimitBytes;
+  return call(-1, [&]() -> int {
+    if (is(name, kArgumentLimitName)) {
+      value = kArgumentLimitBytes;
+      return 0;
+    }
+    const std::optional<std::int32_t> pid = pidBehind(name, kProcessorTypeName);
+    if (!pid) return failed(ENOENT);
+    Task& task = taskOf(*pid);
+    const std::optional<std::uint32_t> cpu_type = task.processorType();
+    if (!cpu_type) return failed(task.error());
+    value = *cpu_type;
     return 0;
-  }
-  const std::optional<std::int32_t> pid = pidBehind(name, kProcessorTypeName);
-  if (!pid) return failed(ENOENT);
-  Task& task = taskOf(*pid);
-  const std::optional<std::uint32_t> cpu_type = task.processorType();
-  if (!cpu_type) return failed(task.error());
-  value = *cpu_type;
-  return 0;
+  });
 }
 
 int LinuxKernel::sysctl(SysctlName name, std::uint64_t& value, std::size_t& length_bytes) {
-  const std::lock_guard lock(mutex_);
-  if (!is(name, kMemorySizeName)) return failed(ENOENT);
-  if (length_bytes < sizeof(value)) return failed(ENOMEM);
-  if (const int error = readSystemFile("/meminfo")) return failed(error);
-  const MemoryInfo info = parseMemoryInfo(buffer_.text());
-  if (!info.total_kib) return failed(ENOENT);
-  value = *info.total_kib * 1024;
-  length_bytes = sizeof(value);
-  return 0;
+  return call(-1, [&]() -> int {
+    if (!is(name, kMemorySizeName)) return failed(ENOENT);
+    if (length_bytes < sizeof(value)) return failed(ENOMEM);
+    if (const int error = readSystemFile("/meminfo")) return failed(error);
+    const MemoryInfo info = parseMemoryInfo(buffer_.text());
+    if (!info.total_kib) return failed(ENOENT);
+    value = *info.total_kib * 1024;
+    length_bytes = sizeof(value);
+    return 0;
+  });
 }
 
 int LinuxKernel::sysctl(SysctlName name, SwapUsage& record) {
-  const std::lock_guard lock(mutex_);
-  if (!is(name, kSwapUsageName)) return failed(ENOENT);
-  if (const int error = readSystemFile("/meminfo")) return failed(error);
-  const MemoryInfo info = parseMemoryInfo(buffer_.text());
-  if (!info.swap_total_kib || !info.swap_free_kib) return failed(ENOENT);
-  const std::uint64_t free_kib = std::min(*info.swap_free_kib, *info.swap_total_kib);
-  record = {.total_bytes = *info.swap_total_kib * 1024,
-            .available_bytes = free_kib * 1024,
-            .used_bytes = (*info.swap_total_kib - free_kib) * 1024,
-            .page_size_bytes = cutTo32Bits(pageSizeBytes()),
-            .encrypted = 0};
-  return 0;
+  return call(-1, [&]() -> int {
+    if (!is(name, kSwapUsageName)) return failed(ENOENT);
+    if (const int error = readSystemFile("/meminfo")) return failed(error);
+    const MemoryInfo info = parseMemoryInfo(buffer_.text());
+    if (!info.swap_total_kib || !info.swap_free_kib) return failed(ENOENT);
+    const std::uint64_t free_kib = std::min(*info.swap_free_kib, *info.swap_total_kib);
+    record = {.total_bytes = *info.swap_total_kib * 1024,
+              .available_bytes = free_kib * 1024,
+              .used_bytes = (*info.swap_total_kib - free_kib) * 1024,
+              .page_size_bytes = cutTo32Bits(pageSizeBytes()),
+              .encrypted = 0};
+    return 0;
+  });
 }
 
 int LinuxKernel::readInterfaceList(std::byte* buffer, std::size_t& length_bytes) {
@@ -153,12 +162,6 @@ int LinuxKernel::readInterfaceList(std::byte* buffer, std::size_t& length_bytes)
   return 0;
 }
 
-bool LinuxKernel::readBootTime() {
-  if (readSystemFile("/stat") != 0) return false;
-  if (const auto stat = parseSystemStat(buffer_.text())) boot_time_seconds_ = stat->boot_time_seconds;
-  return boot_time_seconds_.has_value();
-}
-
 PortName LinuxKernel::mach_host_self() {
   return kHostPort;
 }
@@ -170,43 +173,49 @@ KernelReturn LinuxKernel::host_page_size(PortName host, std::uint64_t& page_size
 }
 
 KernelReturn LinuxKernel::host_statistics(PortName host, CpuTicks& record) {
-  const std::lock_guard lock(mutex_);
-  if (host != kHostPort) return kKernelInvalidArgument;
-  if (readSystemFile("/stat") != 0) return kKernelFailure;
-  const std::optional<SystemStat> stat = parseSystemStat(buffer_.text());
-  if (!stat) return kKernelFailure;
-  record = stat->ticks;
-  boot_time_seconds_ = stat->boot_time_seconds;
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    if (host != kHostPort) return kKernelInvalidArgument;
+    if (readSystemFile("/stat") != 0) return kKernelFailure;
+    const std::optional<SystemTicks> ticks = parseSystemTicks(buffer_.text());
+    if (!ticks) return kKernelFailure;
+    idle_ticks_ = std::max(idle_ticks_, ticks->idle);
+    // The record's counters wrap.
+    record = {.user = static_cast<std::uint32_t>(ticks->user),
+              .system = static_cast<std::uint32_t>(ticks->system),
+              .idle = static_cast<std::uint32_t>(idle_ticks_),
+              .nice = static_cast<std::uint32_t>(ticks->nice)};
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::host_statistics64(PortName host, VmStatistics64& record, std::uint32_t& count) {
-  const std::lock_guard lock(mutex_);
-  if (host != kHostPort || count < VmStatistics64::kCount) return kKernelInvalidArgument;
-  if (readSystemFile("/meminfo") != 0) return kKernelFailure;
-  const MemoryInfo memory = parseMemoryInfo(buffer_.text());
-  if (readSystemFile("/vmstat") != 0) return kKernelFailure;
-  const std::optional<VmCounters> counters = parseVmCounters(buffer_.text());
-  if (!counters || !memory.total_kib || !memory.free_kib || !memory.active_kib || !memory.inactive_kib) {
-    return kKernelFailure;
-  }
-  const std::uint64_t page_kib = pageSizeBytes() / 1024;
-  const std::uint64_t not_wired_kib = *memory.free_kib + *memory.active_kib + *memory.inactive_kib;
-  const std::uint64_t wired_kib = *memory.total_kib - std::min(*memory.total_kib, not_wired_kib);
-  record = {.free_count = cutTo32Bits(*memory.free_kib / page_kib),
-            .active_count = cutTo32Bits(*memory.active_kib / page_kib),
-            .inactive_count = cutTo32Bits(*memory.inactive_kib / page_kib),
-            .wire_count = cutTo32Bits(wired_kib / page_kib),
-            .zero_fill_count = 0,
-            .reactivations = counters->activations,
-            .pageins = counters->read_kib / page_kib,
-            .pageouts = counters->written_kib / page_kib,
-            .faults = counters->faults,
-            .cow_faults = 0,
-            .purges = 0,
-            .purgeable_count = 0};
-  count = VmStatistics64::kCount;
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    if (host != kHostPort || count < VmStatistics64::kCount) return kKernelInvalidArgument;
+    if (readSystemFile("/meminfo") != 0) return kKernelFailure;
+    const MemoryInfo memory = parseMemoryInfo(buffer_.text());
+    if (readSystemFile("/vmstat") != 0) return kKernelFailure;
+    const std::optional<VmCounters> counters = parseVmCounters(buffer_.text());
+    if (!counters || !memory.total_kib || !memory.free_kib || !memory.active_kib || !memory.inactive_kib) {
+      return kKernelFailure;
+    }
+    const std::uint64_t page_kib = pageSizeBytes() / 1024;
+    const std::uint64_t not_wired_kib = *memory.free_kib + *memory.active_kib + *memory.inactive_kib;
+    const std::uint64_t wired_kib = *memory.total_kib - std::min(*memory.total_kib, not_wired_kib);
+    record = {.free_count = cutTo32Bits(*memory.free_kib / page_kib),
+              .active_count = cutTo32Bits(*memory.active_kib / page_kib),
+              .inactive_count = cutTo32Bits(*memory.inactive_kib / page_kib),
+              .wire_count = cutTo32Bits(wired_kib / page_kib),
+              .zero_fill_count = 0,
+              .reactivations = counters->activations,
+              .pageins = counters->read_kib / page_kib,
+              .pageouts = counters->written_kib / page_kib,
+              .faults = counters->faults,
+              .cow_faults = 0,
+              .purges = 0,
+              .purgeable_count = 0};
+    count = VmStatistics64::kCount;
+    return kKernelSuccess;
+  });
 }
 
 }  // namespace volorn::linux_host

@@ -38,6 +38,7 @@ class ThreadFileName {
 TaskThread threadFrom(std::int32_t id, const ProcessStat& stat) {
   return {.id = id,
           .state = stat.state,
+          .start_ticks = stat.start_ticks,
           .user_ticks = stat.user_ticks,
           .system_ticks = stat.system_ticks,
           .processor = stat.processor};
@@ -62,7 +63,7 @@ void Task::begin(std::int32_t pid) {
   resident_bytes_.reset();
   executable_.reset();
   cpu_type_.reset();
-  threads_.clear();
+  threads_are_read_ = false;
   regions_walk_.reset();
 }
 
@@ -190,14 +191,17 @@ const Executable& Task::executable() {
 }
 
 const std::vector<TaskThread>* Task::threads() {
-  if (!threads_.empty()) return error_ ? nullptr : &threads_;
+  if (threads_are_read_) return error_ ? nullptr : &threads_;
   const ProcessStat* process = stat();
   if (!process) return nullptr;
+  threads_.clear();
   if (process->threads == 1) {
     threads_.push_back(threadFrom(pid_, *process));
-    return &threads_;
+  } else if (!open() || !readThreads()) {
+    return nullptr;
   }
-  return open() && readThreads() ? &threads_ : nullptr;
+  threads_are_read_ = true;
+  return &threads_;
 }
 
 bool Task::readThreads() {
@@ -255,7 +259,6 @@ std::optional<std::int64_t> Task::lastRanMs(std::size_t thread) {
 
 std::int32_t Task::sleepSeconds(std::size_t thread) {
   const TaskThread& sleeper = threads_.at(thread);
-  if (sleeper.state == 'R') return 0;
   const std::optional<std::int64_t> last_ran_ms = lastRanMs(thread);
   if (!last_ran_ms || *last_ran_ms == 0) return 0;
   const std::optional<std::int64_t> now_ms = reader_.cpu_clocks.nowMs(sleeper.processor);
@@ -267,32 +270,46 @@ std::int32_t Task::sleepSeconds(std::size_t thread) {
 std::optional<std::uint64_t> Task::contextSwitches() {
   const std::vector<TaskThread>* all = threads();
   if (!all) return std::nullopt;
-  if (all->size() == 1 && all->front().id == pid_) {
-    const ProcessStatus* only = status();
-    return only ? std::optional(only->context_switches) : std::nullopt;
-  }
-  std::uint64_t switches = 0;
+  reader_.switches.clear();
   for (std::size_t i = 0; i < all->size(); ++i) {
-    const std::optional<std::uint64_t> of_thread = contextSwitchesOf(i);
-    if (!of_thread) return std::nullopt;
-    switches += *of_thread;
+    if (!readSwitches(i)) return std::nullopt;
   }
-  return switches;
+  SwitchCounts& counts = reader_.remembered.of(pid_, stat_->start_ticks).switches;
+  return counts.totalWith(reader_.switches, stat_->start_code);
 }
 
-// 0 of a thread that has gone.
-std::optional<std::uint64_t> Task::contextSwitchesOf(std::size_t thread) {
-  if (const auto known = schedule(thread)) return known->context_switches;
-  // A kernel may be built without telling schedules.
-  if (!open()) return std::nullopt;
-  const int error =
-      reader_.buffer.readRecord(folder_.get(), ThreadFileName(threads_[thread].id, "status").get());
-  if (error == ENOENT || error == ESRCH) return 0;
-  const auto status = error ? std::nullopt : parseProcessStatus(reader_.buffer.text());
-  return status ? std::optional(status->context_switches) : std::nullopt;
+// Appends those of the thread. Nothing of one that has gone.
+bool Task::readSwitches(std::size_t thread) {
+  const TaskThread& wanted = threads_[thread];
+  std::uint64_t count = 0;
+  if (threads_.size() == 1 && wanted.id == pid_) {
+    const ProcessStatus* only = status();
+    if (!only) return false;
+    count = only->context_switches;
+  } else if (const auto known = schedule(thread)) {
+    count = known->context_switches;
+  } else {
+    // A kernel may be built without telling schedules.
+    if (!open()) return false;
+    const int error = reader_.buffer.readRecord(folder_.get(), ThreadFileName(wanted.id, "status").get());
+    if (error == ENOENT || error == ESRCH) return true;
+    const auto status = error ? std::nullopt : parseProcessStatus(reader_.buffer.text());
+    if (!status) return false;
+    count = status->context_switches;
+  }
+  reader_.switches.push_back(
+      {.id = wanted.id, .start_ticks = static_cast<std::uint32_t>(wanted.start_ticks), .switches = count});
+  return true;
 }
 
 std::optional<std::uint64_t> Task::descriptors() {
+  if (!stat()) return std::nullopt;
+  const std::optional<std::uint64_t> count = countDescriptors();
+  reader_.remembered.of(pid_, stat_->start_ticks).descriptors_are_known = count.has_value();
+  return count;
+}
+
+std::optional<std::uint64_t> Task::countDescriptors() {
   const int at = folder();
   if (at < 0) return std::nullopt;
   if (reader_.kernel_counts_descriptors) {
@@ -324,7 +341,7 @@ std::uint32_t Task::readProcessorType(const ProcessStat& process) {
 }
 
 const ProcessRegion* Task::regionPast(std::uint64_t address, RegionWalk walk) {
-  if (error_ || (regions_walk_ != walk && !readRegions(walk))) return nullptr;
+  if ((regions_walk_ != walk && !readRegions(walk)) || error_) return nullptr;
   const auto found = std::partition_point(regions_.begin(), regions_.end(), [&](const ProcessRegion& region) {
     return region.address + region.size_bytes <= address;
   });
@@ -341,17 +358,24 @@ std::uint64_t Task::startCode(const ProcessStat& process) {
 }
 
 bool Task::readRegions(RegionWalk walk) {
+  regions_walk_.reset();
+  const auto note = [&](bool are_known) {
+    if (walk != RegionWalk::of_task || !stat_) return;
+    reader_.remembered.of(pid_, stat_->start_ticks).regions_are_known = are_known;
+  };
   const ProcessStat* process = stat();
+  note(false);  // until they are read, and when the process is gone or memory runs out meanwhile
+  if (!process) return false;
   const ProcessStatus* memory = status();
   const std::optional<std::uint32_t> cpu_type = processorType();
-  if (!process || !memory || !cpu_type) return false;
+  if (!memory || !cpu_type) return false;
   const RegionOwner owner = {.pid = pid_,
                              .start_ticks = process->start_ticks,
                              .start_code = startCode(*process),
                              .cpu_type = *cpu_type,
                              .mapped_pages = memory->virtual_bytes / pageSizeBytes(),
                              .resident_pages = memory->resident_bytes / pageSizeBytes()};
-  reader_.regions.read(folder(), owner, walk, regions_);
+  note(reader_.regions.read(folder(), owner, walk, regions_));
   regions_walk_ = walk;
   return true;
 }

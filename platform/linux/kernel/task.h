@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/linux/file_descriptor.h"
+#include "platform/linux/kernel/boot_time.h"
 #include "platform/linux/kernel/build_ids.h"
 #include "platform/linux/kernel/cpu_clocks.h"
 #include "platform/linux/kernel/file_buffer.h"
@@ -16,6 +17,7 @@
 #include "platform/linux/kernel/parse_process_status.h"
 #include "platform/linux/kernel/parse_schedule.h"
 #include "platform/linux/kernel/remembered_processes.h"
+#include "platform/linux/kernel/switch_counts.h"
 #include "platform/linux/regions/process_regions.h"
 
 namespace volorn::linux_host {
@@ -29,17 +31,20 @@ struct TaskReader {
   std::string path;                // passing
   FileBuffer buffer;
   OpenFolders open_folders;
+  BootTime boot_time;
   CpuClocks cpu_clocks;
   RememberedProcesses remembered;
   BuildIds build_ids;
   ProcessRegions regions;
-  std::vector<std::int32_t> thread_ids;  // passing
+  std::vector<std::int32_t> thread_ids;        // passing
+  std::vector<SwitchCounts::Thread> switches;  // passing
 };
 
 // A live thread of a task.
 struct TaskThread {
   std::int32_t id = 0;
   char state = 0;  // as in `stat`
+  std::uint64_t start_ticks = 0;
   std::uint64_t user_ticks = 0;
   std::uint64_t system_ticks = 0;
   std::int32_t processor = 0;
@@ -90,10 +95,11 @@ class Task {
   // None where the kernel does not show it. `thread` is one of threads().
   std::optional<ThreadSchedule> schedule(std::size_t thread);
 
-  // Since the thread ran last; 0 while it runs, and where the kernel does not tell.
+  // Since a thread that waits ran last; 0 where the kernel does not tell.
   std::int32_t sleepSeconds(std::size_t thread);
 
-  // Of all live threads. None when they cannot be read.
+  // Of all live threads, and of those ended since they were asked about before. None when they cannot be
+  // read.
   std::optional<std::uint64_t> contextSwitches();
 
   // How many descriptors the process has open. None without the right to know.
@@ -123,9 +129,10 @@ class Task {
   bool readThreads();
   bool readThread(std::int32_t id);
   std::optional<std::int64_t> lastRanMs(std::size_t thread);
-  std::optional<std::uint64_t> contextSwitchesOf(std::size_t thread);
+  bool readSwitches(std::size_t thread);
   std::uint32_t readProcessorType(const ProcessStat& process);
   std::uint64_t startCode(const ProcessStat& process);
+  std::optional<std::uint64_t> countDescriptors();
   bool readRegions(RegionWalk walk);
   bool fail(int error);
   void close();
@@ -141,8 +148,9 @@ class Task {
   std::optional<ProcessStatus> status_;
   std::optional<std::uint64_t> resident_bytes_;
   std::optional<Executable> executable_;
-  std::optional<std::uint32_t> cpu_type_;   // one answer for as long as the port is lent, known or not
-  std::vector<TaskThread> threads_;         // empty until read
+  std::optional<std::uint32_t> cpu_type_;  // one answer for as long as the port is lent, known or not
+  std::vector<TaskThread> threads_;
+  bool threads_are_read_ = false;
   std::optional<RegionWalk> regions_walk_;  // for which they were read
   std::vector<ProcessRegion> regions_;
 };

@@ -1,11 +1,15 @@
 #include "platform/linux/kernel/task_ports.h"
 
+#include <algorithm>
+
 #include "platform/linux/kernel/ports.h"
 
 namespace volorn::linux_host {
 
 PortName TaskPorts::lend(const Port& port) {
   if (free_ports_.empty()) {
+    // So that to hand back takes no memory.
+    if (free_ports_.capacity() <= ports_.size()) free_ports_.reserve(2 * ports_.size() + 16);
     ports_.push_back(port);
     return kFirstLentPort + static_cast<PortName>(ports_.size() - 1);
   }
@@ -21,6 +25,12 @@ TaskPorts::Port* TaskPorts::find(PortName name, Kind kind) {
   return port.kind == kind ? &port : nullptr;
 }
 
+void TaskPorts::reserve(std::size_t count) {
+  const std::size_t all = ports_.size() + count - std::min(count, free_ports_.size());
+  free_ports_.reserve(all);
+  ports_.reserve(all);
+}
+
 PortName TaskPorts::lendTask(std::int32_t pid) {
   return lend({.kind = Kind::task, .pid = pid});
 }
@@ -29,6 +39,9 @@ void TaskPorts::lendThreads(PortName task, std::size_t count, std::vector<PortNa
   const Port* owner = find(task, Kind::task);
   if (!owner || owner->slot == kNoSlot) return;
   const std::uint32_t slot = owner->slot;
+  reserve(count);
+  ports.reserve(count);
+  slots_[slot]->threads.reserve(slots_[slot]->threads.size() + count);
   for (std::uint32_t thread = 0; thread < count; ++thread) {
     const PortName name = lend({.kind = Kind::thread, .thread = thread, .slot = slot});
     slots_[slot]->threads.push_back(name);
@@ -41,8 +54,9 @@ Task* TaskPorts::task(PortName name) {
   if (!port) return nullptr;
   if (port->slot == kNoSlot) {
     if (free_slots_.empty()) {
-      free_slots_.push_back(static_cast<std::uint32_t>(slots_.size()));
+      if (free_slots_.capacity() <= slots_.size()) free_slots_.reserve(2 * slots_.size() + 4);
       slots_.push_back(std::make_unique<Slot>(reader_));
+      free_slots_.push_back(static_cast<std::uint32_t>(slots_.size() - 1));
     }
     port->slot = free_slots_.back();
     free_slots_.pop_back();

@@ -22,6 +22,9 @@ class TaskPorts {
 
   explicit TaskPorts(TaskReader& reader) : reader_(reader) {}
 
+  // Takes the memory for so many ports more, so that to lend them takes none.
+  void reserve(std::size_t count);
+
   // Lends a port of the process's task. The process is not looked at yet.
   PortName lendTask(std::int32_t pid);
 

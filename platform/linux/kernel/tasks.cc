@@ -1,5 +1,5 @@
 // The Linux kernel's tasks, threads and memory regions.
-#include <unistd.h>
+#include <sys/utsname.h>
 
 #include <algorithm>
 #include <array>
@@ -7,9 +7,11 @@
 #include <charconv>
 #include <utility>
 
+#include "platform/linux/kernel/kernel_stack.h"
 #include "platform/linux/kernel/ports.h"
 #include "platform/linux/kernel/ticks.h"
 #include "platform/linux/linux_kernel.h"
+#include "platform/linux/page_size.h"
 
 namespace volorn::linux_host {
 namespace {
@@ -85,13 +87,13 @@ KernelReturn rightTo(Task& task) {
   return is_shown ? kKernelSuccess : resultFor(error);
 }
 
-// As the folder of processes numbers them, which may be that of another namespace than this process's own.
+// As the folder of processes numbers them, which may be those of another namespace. 0 when it is not there.
 std::int32_t ownPid(const std::string& proc_root) {
   std::array<char, 16> digits = {};
   std::int32_t pid = 0;
   const ssize_t length = readlink((proc_root + "/self").c_str(), digits.data(), digits.size());
-  const char* const end = digits.data() + std::max<ssize_t>(length, 0);
-  return std::from_chars(digits.data(), end, pid).ec == std::errc() ? pid : getpid();
+  std::from_chars(digits.data(), digits.data() + std::max<ssize_t>(length, 0), pid);
+  return pid;
 }
 
 }  // namespace
@@ -99,7 +101,8 @@ std::int32_t ownPid(const std::string& proc_root) {
 PortName LinuxKernel::lentPort(PortName task) {
   Tasks& all = tasks();
   if (task != kOwnTaskPort) return task;
-  if (all.own == 0) all.own = all.ports.lendTask(ownPid(proc_root_));
+  const std::int32_t pid = all.own == 0 ? ownPid(proc_root_) : 0;
+  if (pid > 0) all.own = all.ports.lendTask(pid);
   return all.own;
 }
 
@@ -112,12 +115,13 @@ PortName LinuxKernel::mach_task_self() {
 }
 
 KernelReturn LinuxKernel::host_processor_sets(PortName host, PortArray& set_names) {
-  const std::lock_guard lock(mutex_);
-  if (host != kHostPort) return kKernelInvalidArgument;
-  std::vector<PortName>& names = arrays_.lend();
-  names.push_back(kProcessorSetNamePort);
-  set_names = names;
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    if (host != kHostPort) return kKernelInvalidArgument;
+    std::vector<PortName>& names = arrays_.lend();
+    names.push_back(kProcessorSetNamePort);
+    set_names = names;
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::host_processor_set_priv(PortName host, PortName set_name, PortName& set) {
@@ -127,164 +131,181 @@ KernelReturn LinuxKernel::host_processor_set_priv(PortName host, PortName set_na
 }
 
 KernelReturn LinuxKernel::processor_set_tasks(PortName set, PortArray& tasks_of_set) {
-  const std::lock_guard lock(mutex_);
-  if (set != kProcessorSetPort) return kKernelInvalidArgument;
-  if (readProcesses() != 0) return kKernelFailure;
-  Tasks& all = tasks();
-  if (all.own != 0) all.ports.handBack(std::exchange(all.own, 0));
-  all.reader.remembered.tidy(all.pids.size());
-  std::vector<PortName>& ports = arrays_.lend();
-  for (const std::int32_t pid : all.pids) ports.push_back(all.ports.lendTask(pid));
-  tasks_of_set = ports;
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    if (set != kProcessorSetPort) return kKernelInvalidArgument;
+    if (readProcesses() != 0) return kKernelFailure;
+    Tasks& all = tasks();
+    if (all.own != 0) all.ports.handBack(std::exchange(all.own, 0));
+    all.reader.remembered.beginSample(all.pids.size());
+    std::vector<PortName>& ports = arrays_.lend();
+    ports.reserve(all.pids.size());
+    all.ports.reserve(all.pids.size());
+    for (const std::int32_t pid : all.pids) ports.push_back(all.ports.lendTask(pid));
+    tasks_of_set = ports;
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::task_for_pid(PortName own_task, std::int32_t pid, PortName& task) {
-  const std::lock_guard lock(mutex_);
-  if (own_task != kOwnTaskPort) return kKernelInvalidArgument;
-  TaskPorts& ports = tasks().ports;
-  const PortName port = askedTask(pid) ? std::exchange(tasks().asked, 0) : ports.lendTask(pid);
-  const KernelReturn result = rightTo(*ports.task(port));
-  if (result == kKernelSuccess) {
-    task = port;
-  } else {
-    ports.handBack(port);
-  }
-  return result;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    if (own_task != kOwnTaskPort) return kKernelInvalidArgument;
+    TaskPorts& ports = tasks().ports;
+    const PortName port = askedTask(pid) ? std::exchange(tasks().asked, 0) : ports.lendTask(pid);
+    const KernelReturn result = rightTo(*ports.task(port));
+    if (result == kKernelSuccess) {
+      task = port;
+    } else {
+      ports.handBack(port);
+    }
+    return result;
+  });
 }
 
 KernelReturn LinuxKernel::pid_for_task(PortName task, std::int32_t& pid) {
-  const std::lock_guard lock(mutex_);
-  const Task* named = taskOf(task);
-  if (!named) return kKernelInvalidArgument;
-  pid = named->pid();
-  tasks().named = lentPort(task);
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    const Task* named = taskOf(task);
+    if (!named) return kKernelInvalidArgument;
+    pid = named->pid();
+    tasks().named = lentPort(task);
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::task_info(PortName port, TaskBasicInfo& record) {
-  const std::lock_guard lock(mutex_);
-  Task* task = taskOf(port);
-  const ProcessStat* stat = task ? task->stat() : nullptr;
-  const ProcessStatus* status = stat ? task->status() : nullptr;
-  const std::vector<TaskThread>* threads = status ? task->threads() : nullptr;
-  if (!threads) return failureOf(task);
-  const EndedTicks ended = endedTicks(*stat, *threads);
-  record = {.suspend_count = 0,
-            .virtual_size = status->virtual_bytes,
-            .resident_size = status->resident_bytes,
-            .user_time = timeOfTicks(ended.user),
-            .system_time = timeOfTicks(ended.system),
-            .policy = 0};
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    Task* task = taskOf(port);
+    const ProcessStat* stat = task ? task->stat() : nullptr;
+    const ProcessStatus* status = stat ? task->status() : nullptr;
+    const std::vector<TaskThread>* threads = status ? task->threads() : nullptr;
+    if (!threads) return failureOf(task);
+    const EndedTicks ended = endedTicks(*stat, *threads);
+    record = {.suspend_count = 0,
+              .virtual_size = status->virtual_bytes,
+              .resident_size = status->resident_bytes,
+              .user_time = timeOfTicks(ended.user),
+              .system_time = timeOfTicks(ended.system),
+              .policy = 0};
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::task_info(PortName port, TaskResidentSize& record) {
-  const std::lock_guard lock(mutex_);
-  Task* task = taskOf(port);
-  const std::optional<std::uint64_t> resident_bytes = task ? task->residentBytes() : std::nullopt;
-  if (!resident_bytes) return failureOf(task);
-  record = {.resident_size = *resident_bytes};
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    Task* task = taskOf(port);
+    const std::optional<std::uint64_t> resident_bytes = task ? task->residentBytes() : std::nullopt;
+    if (!resident_bytes) return failureOf(task);
+    record = {.resident_size = *resident_bytes};
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::task_info(PortName port, TaskEventsInfo& record) {
-  const std::lock_guard lock(mutex_);
-  Task* task = taskOf(port);
-  const std::optional<std::uint64_t> switches = task ? task->contextSwitches() : std::nullopt;
-  const ProcessStat* stat = switches ? task->stat() : nullptr;
-  if (!stat) return failureOf(task);
-  record = {};
-  record.counters[kTaskEventFaults] = wrapped(stat->minor_faults + stat->major_faults);
-  record.counters[kTaskEventPageins] = wrapped(stat->major_faults);
-  record.counters[kTaskEventContextSwitches] = wrapped(*switches);
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    Task* task = taskOf(port);
+    const std::optional<std::uint64_t> switches = task ? task->contextSwitches() : std::nullopt;
+    const ProcessStat* stat = switches ? task->stat() : nullptr;
+    if (!stat) return failureOf(task);
+    record = {};
+    record.counters[kTaskEventFaults] = wrapped(stat->minor_faults + stat->major_faults);
+    record.counters[kTaskEventPageins] = wrapped(stat->major_faults);
+    record.counters[kTaskEventContextSwitches] = wrapped(*switches);
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::task_info(PortName port, TaskKernelMemoryInfo& record) {
-  const std::lock_guard lock(mutex_);
-  // Of a thread: 16 KiB on the 64-bit processors that Linux is run on, or a page where that is more.
-  const std::uint64_t stack_bytes =
-      std::max<std::uint64_t>(16384, static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)));
-  Task* task = taskOf(port);
-  const ProcessStatus* status = task ? task->status() : nullptr;
-  const ProcessStat* stat = status ? task->stat() : nullptr;
-  if (!stat) return failureOf(task);
-  record = {.bytes = {status->page_table_bytes + stat->threads * stack_bytes, 0, 0, 0}};
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    utsname kernel = {};
+    uname(&kernel);
+    const std::uint64_t stack_bytes = kernelStackBytes(kernel.machine, pageSizeBytes());
+    Task* task = taskOf(port);
+    const ProcessStatus* status = task ? task->status() : nullptr;
+    const ProcessStat* stat = status ? task->stat() : nullptr;
+    if (!stat) return failureOf(task);
+    record = {.bytes = {status->page_table_bytes + stat->threads * stack_bytes, 0, 0, 0}};
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::task_info(PortName port, TaskPowerInfo& record) {
-  const std::lock_guard lock(mutex_);
-  Task* task = taskOf(port);
-  const ProcessStat* stat = task ? task->stat() : nullptr;
-  if (!stat) return failureOf(task);
-  record = {.values = {nanoseconds(stat->user_ticks), nanoseconds(stat->system_ticks), 0, 0, 0, 0}};
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    Task* task = taskOf(port);
+    const ProcessStat* stat = task ? task->stat() : nullptr;
+    if (!stat) return failureOf(task);
+    record = {.values = {nanoseconds(stat->user_ticks), nanoseconds(stat->system_ticks), 0, 0, 0, 0}};
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::task_info(PortName port, TaskVmInfo& record) {
-  const std::lock_guard lock(mutex_);
-  Task* task = taskOf(port);
-  const ProcessStatus* status = task ? task->status() : nullptr;
-  if (!status) return failureOf(task);
-  record = {.internal_bytes = status->anonymous_bytes,
-            .purgeable_volatile_pmap_bytes = 0,
-            .purgeable_volatile_resident_bytes = 0};
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    Task* task = taskOf(port);
+    const ProcessStatus* status = task ? task->status() : nullptr;
+    if (!status) return failureOf(task);
+    record = {.internal_bytes = status->anonymous_bytes,
+              .purgeable_volatile_pmap_bytes = 0,
+              .purgeable_volatile_resident_bytes = 0};
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::task_info(PortName port, TaskExtmodInfo& record) {
-  const std::lock_guard lock(mutex_);
-  Task* task = taskOf(port);
-  const int folder = task ? task->folder() : -1;
-  if (folder < 0) return failureOf(task);
-  const Executable& executable = task->executable();
-  const BuildId id =
-      executable.error == 0 ? tasks().reader.build_ids.of(executable.identity, folder) : BuildId{};
-  // A process that has ended meanwhile is none without an executable.
-  if (id == BuildId{} && !task->isThere()) return failureOf(task);
-  record = {.task_uuid = id};
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    Task* task = taskOf(port);
+    const int folder = task ? task->folder() : -1;
+    if (folder < 0) return failureOf(task);
+    const Executable& executable = task->executable();
+    const BuildId id =
+        executable.error == 0 ? tasks().reader.build_ids.of(executable.identity, folder) : BuildId{};
+    // A process that has ended meanwhile is none without an executable.
+    if (id == BuildId{} && !task->isThere()) return failureOf(task);
+    record = {.task_uuid = id};
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::task_threads(PortName port, PortArray& threads) {
-  const std::lock_guard lock(mutex_);
-  Task* task = taskOf(port);
-  const std::vector<TaskThread>* live = task ? task->threads() : nullptr;
-  if (!live) return failureOf(task);
-  std::vector<PortName>& ports = arrays_.lend();
-  tasks().ports.lendThreads(lentPort(port), live->size(), ports);
-  threads = ports;
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    Task* task = taskOf(port);
+    const std::vector<TaskThread>* live = task ? task->threads() : nullptr;
+    if (!live) return failureOf(task);
+    std::vector<PortName>& ports = arrays_.lend();
+    tasks().ports.lendThreads(lentPort(port), live->size(), ports);
+    threads = ports;
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::thread_info(PortName port, ThreadBasicInfo& record) {
-  const std::lock_guard lock(mutex_);
-  const std::optional<TaskPorts::Thread> place = tasks().ports.thread(port);
-  if (!place) return kKernelInvalidArgument;
-  const std::vector<TaskThread>* threads = place->task->threads();
-  if (!threads) return failureOf(place->task);
-  const TaskThread& thread = threads->at(place->index);
-  record = {.user_time = timeOfTicks(thread.user_ticks),
-            .system_time = timeOfTicks(thread.system_ticks),
-            .run_state = runStateOf(thread.state),
-            .flags = 0,  // no idle thread is to be seen
-            .sleep_time_seconds = place->task->sleepSeconds(place->index)};
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    const std::optional<TaskPorts::Thread> place = tasks().ports.thread(port);
+    if (!place) return kKernelInvalidArgument;
+    const std::vector<TaskThread>* threads = place->task->threads();
+    if (!threads) return failureOf(place->task);
+    const TaskThread& thread = threads->at(place->index);
+    const RunState run_state = runStateOf(thread.state);
+    record = {
+        .user_time = timeOfTicks(thread.user_ticks),
+        .system_time = timeOfTicks(thread.system_ticks),
+        .run_state = run_state,
+        .flags = 0,  // no idle thread is to be seen
+        .sleep_time_seconds = run_state == RunState::waiting ? place->task->sleepSeconds(place->index) : 0};
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::mach_port_names(PortName port, PortArray& names, PortArray& types) {
-  const std::lock_guard lock(mutex_);
-  Task* task = taskOf(port);
-  const std::optional<std::uint64_t> count = task ? task->descriptors() : std::nullopt;
-  if (!count) return failureOf(task);
-  for (PortArray* array : {&names, &types}) {
-    std::vector<PortName>& lent = arrays_.lend();
-    lent.resize(*count);
-    *array = lent;
-  }
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    Task* task = taskOf(port);
+    const std::optional<std::uint64_t> count = task ? task->descriptors() : std::nullopt;
+    if (!count) return failureOf(task);
+    for (PortArray* array : {&names, &types}) {
+      std::vector<PortName>& lent = arrays_.lend();
+      lent.resize(static_cast<std::size_t>(*count));
+      *array = lent;
+    }
+    return kKernelSuccess;
+  });
 }
 
 const ProcessRegion* LinuxKernel::regionPast(PortName port, std::uint64_t& address, std::uint64_t& size,
@@ -302,50 +323,55 @@ const ProcessRegion* LinuxKernel::regionPast(PortName port, std::uint64_t& addre
 
 KernelReturn LinuxKernel::mach_vm_region(PortName task, std::uint64_t& address, std::uint64_t& size,
                                          RegionTopInfo& record) {
-  const std::lock_guard lock(mutex_);
-  KernelReturn failure = kKernelFailure;
-  const ProcessRegion* region = regionPast(task, address, size, RegionWalk::of_task, failure);
-  if (!region) return failure;
-  record = region->info;
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    KernelReturn failure = kKernelFailure;
+    const ProcessRegion* region = regionPast(task, address, size, RegionWalk::of_task, failure);
+    if (!region) return failure;
+    record = region->info;
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::mach_vm_region(PortName task, std::uint64_t& address, std::uint64_t& size,
                                          RegionBasicInfo& record) {
-  const std::lock_guard lock(mutex_);
-  KernelReturn failure = kKernelFailure;
-  const ProcessRegion* region = regionPast(task, address, size, RegionWalk::of_task, failure);
-  if (!region) return failure;
-  record = {.reserved = region->reserved};
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    KernelReturn failure = kKernelFailure;
+    const ProcessRegion* region = regionPast(task, address, size, RegionWalk::of_task, failure);
+    if (!region) return failure;
+    record = {.reserved = region->reserved};
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::mach_vm_region_recurse(PortName task, std::uint64_t& address, std::uint64_t& size,
                                                  std::uint32_t& depth, SubmapInfo64& record) {
-  const std::lock_guard lock(mutex_);
-  KernelReturn failure = kKernelFailure;
-  const ProcessRegion* region = regionPast(task, address, size, RegionWalk::of_own_task, failure);
-  if (!region) return failure;
-  depth = 0;
-  record = {.protection = region->protection,
-            .pages_resident = region->info.private_pages_resident + region->info.shared_pages_resident,
-            .share_mode = region->info.share_mode};
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    KernelReturn failure = kKernelFailure;
+    const ProcessRegion* region = regionPast(task, address, size, RegionWalk::of_own_task, failure);
+    if (!region) return failure;
+    depth = 0;
+    record = {.protection = region->protection,
+              .pages_resident = region->info.private_pages_resident + region->info.shared_pages_resident,
+              .share_mode = region->info.share_mode};
+    return kKernelSuccess;
+  });
 }
 
 KernelReturn LinuxKernel::mach_port_deallocate(PortName own_task, PortName port) {
-  const std::lock_guard lock(mutex_);
-  if (own_task != kOwnTaskPort) return kKernelInvalidArgument;
-  if (port >= kHostPort && port <= kProcessorSetPort) return kKernelSuccess;
-  Tasks& all = tasks();
-  if (all.named == port) all.named = 0;
-  return all.ports.handBack(port) ? kKernelSuccess : kKernelInvalidArgument;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    if (own_task != kOwnTaskPort) return kKernelInvalidArgument;
+    if (port >= kHostPort && port <= kProcessorSetPort) return kKernelSuccess;
+    Tasks& all = tasks();
+    if (all.named == port) all.named = 0;
+    return all.ports.handBack(port) ? kKernelSuccess : kKernelInvalidArgument;
+  });
 }
 
 KernelReturn LinuxKernel::mach_vm_deallocate(PortName own_task, PortArray array) {
-  const std::lock_guard lock(mutex_);
-  if (own_task != kOwnTaskPort || !arrays_.handBack(array)) return kKernelInvalidArgument;
-  return kKernelSuccess;
+  return call(kKernelFailure, [&]() -> KernelReturn {
+    if (own_task != kOwnTaskPort || !arrays_.handBack(array)) return kKernelInvalidArgument;
+    return kKernelSuccess;
+  });
 }
 
 const char* LinuxKernel::mach_error_string(KernelReturn result) {

@@ -16,7 +16,6 @@ struct MappingQuery {
   static constexpr std::uint64_t kShared = 8;
   static constexpr std::uint64_t kCoveringOrNext =
       16;  // of query_flags: else only the one that holds the address
-  static constexpr std::uint64_t kFileBacked = 32;  // of query_flags: passes over the others
 
   std::uint64_t size_bytes = sizeof(MappingQuery);
   std::uint64_t query_flags = 0;
@@ -38,6 +37,11 @@ struct MappingQuery {
 };
 static_assert(sizeof(MappingQuery) == 104);
 
-inline constexpr unsigned long kMappingQuery = _IOWR('f', 17, MappingQuery);
+// What ioctl(2) takes for a request: unsigned long in glibc, int in musl.
+template <typename Request>
+Request requestOf(int (*call)(int, Request, ...));
+using IoctlRequest = decltype(requestOf(&ioctl));
+
+inline constexpr auto kMappingQuery = static_cast<IoctlRequest>(_IOWR('f', 17, MappingQuery));
 
 }  // namespace volorn::linux_host

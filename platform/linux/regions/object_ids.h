@@ -23,7 +23,7 @@ struct MemoryObjectHash {
       hash = (hash ^ part) * 0x9E3779B97F4A7C15;
       hash ^= hash >> 32;
     }
-    return hash;
+    return static_cast<std::size_t>(hash);
   }
 };
 

@@ -63,14 +63,14 @@ int queryMappings(int maps, std::uint64_t page_size_bytes, std::vector<Mapping>&
 PageMapSource::PageMapSource(std::uint64_t page_size_bytes)
     : page_size_bytes_(page_size_bytes), entries_(kEntriesRead) {}
 
-PageMapSource::Result PageMapSource::read(int process_folder, std::vector<Mapping>& mappings) {
+PageMapSource::Failure PageMapSource::read(int process_folder, std::vector<Mapping>& mappings) {
   const FileDescriptor maps(openat(process_folder, "maps", O_RDONLY | O_CLOEXEC));
+  // Descriptors may have run out: the text takes one of them only.
+  if (!maps) return {.error = errno, .is_of_process = errno != EMFILE && errno != ENFILE};
   const FileDescriptor page_map(openat(process_folder, "pagemap", O_RDONLY | O_CLOEXEC));
-  if (!maps || !page_map) return Result::gone;
-  if (const int error = queryMappings(maps.get(), page_size_bytes_, mappings)) {
-    return error == ENOTTY ? Result::not_offered : Result::gone;
-  }
-  return count(page_map.get(), mappings) ? Result::read : Result::gone;
+  int error = page_map ? queryMappings(maps.get(), page_size_bytes_, mappings) : errno;
+  if (error == 0 && !count(page_map.get(), mappings)) error = errno;
+  return {.error = error, .is_of_process = error == ESRCH};
 }
 
 bool PageMapSource::isLarge(const Mapping& mapping) const {
@@ -109,9 +109,7 @@ bool PageMapSource::countTogether(int page_map, std::span<Mapping> mappings) {
   const std::span<const std::uint64_t> entries = entries_;
   for (Mapping& mapping : mappings) {
     has_doubtful_pages_ = false;
-    tally(entries.subspan((mapping.start - start) / page_size_bytes_,
-                          (mapping.end - mapping.start) / page_size_bytes_),
-          mapping);
+    tally(entries.subspan(pagesIn(start, mapping.start), pagesIn(mapping.start, mapping.end)), mapping);
     if (has_doubtful_pages_ && !takeOutZeroPages(page_map, mapping)) return false;
   }
   return true;
@@ -140,17 +138,23 @@ bool PageMapSource::countRange(int page_map, std::uint64_t start, std::uint64_t 
   while (start < end) {
     const std::uint64_t piece_end = std::min(end, start + kEntriesRead * page_size_bytes_);
     if (!readEntries(page_map, start, piece_end)) return false;
-    tally(std::span(entries_).first((piece_end - start) / page_size_bytes_), mapping);
+    tally(std::span(entries_).first(pagesIn(start, piece_end)), mapping);
     start = piece_end;
   }
   return true;
 }
 
+std::size_t PageMapSource::pagesIn(std::uint64_t start, std::uint64_t end) const {
+  return static_cast<std::size_t>((end - start) / page_size_bytes_);
+}
+
 // At most kEntriesRead of them.
 bool PageMapSource::readEntries(int page_map, std::uint64_t start, std::uint64_t end) {
-  const std::size_t bytes = (end - start) / page_size_bytes_ * sizeof entries_[0];
+  const std::size_t bytes = pagesIn(start, end) * sizeof entries_[0];
   const auto offset = static_cast<off_t>(start / page_size_bytes_ * sizeof entries_[0]);
-  return pread(page_map, entries_.data(), bytes, offset) == static_cast<ssize_t>(bytes);
+  const ssize_t count = pread(page_map, entries_.data(), bytes, offset);
+  if (count >= 0 && count != static_cast<ssize_t>(bytes)) errno = ESRCH;  // its memory has gone
+  return count == static_cast<ssize_t>(bytes);
 }
 
 void PageMapSource::tally(std::span<const std::uint64_t> entries, Mapping& mapping) {

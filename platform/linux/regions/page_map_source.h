@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -14,14 +15,18 @@ namespace volorn::linux_host {
 // userfaultfd has left for an absent one, so that memory with such marks alone is not shown as empty.
 class PageMapSource {
  public:
-  enum class Result { read, not_offered, gone };
+  struct Failure {
+    int error = 0;               // errno; 0 when there is none
+    bool is_of_process = false;  // it is gone, or the reader may not see its memory, however he reads it
+  };
 
   explicit PageMapSource(std::uint64_t page_size_bytes);
 
-  // Appends the mappings of the process whose folder of /proc is open. `gone` stands for "not allowed" too.
-  Result read(int process_folder, std::vector<Mapping>& mappings);
+  // Appends the mappings of the process whose folder of /proc is open.
+  Failure read(int process_folder, std::vector<Mapping>& mappings);
 
  private:
+  // These set errno when they fail.
   bool count(int page_map, std::span<Mapping> mappings);
   bool countTogether(int page_map, std::span<Mapping> mappings);
   bool countPresent(int page_map, Mapping& mapping);
@@ -31,6 +36,7 @@ class PageMapSource {
   bool takeOutZeroPages(int page_map, Mapping& mapping);
   std::size_t countNear(std::span<const Mapping> mappings) const;
   bool isLarge(const Mapping& mapping) const;
+  std::size_t pagesIn(std::uint64_t start, std::uint64_t end) const;  // fewer than memory has bytes
 
   std::uint64_t page_size_bytes_;
   std::vector<std::uint64_t> entries_;

@@ -2,6 +2,8 @@
 
 #include <sys/ioctl.h>
 
+#include "platform/linux/regions/mapping_query.h"
+
 namespace volorn::linux_host {
 namespace {
 
@@ -27,7 +29,7 @@ struct ScanRequest {
 };
 static_assert(sizeof(ScanRequest) == 96);
 
-constexpr unsigned long kPageMapScan = _IOWR('f', 16, ScanRequest);
+constexpr auto kPageMapScan = static_cast<IoctlRequest>(_IOWR('f', 16, ScanRequest));
 
 }  // namespace
 

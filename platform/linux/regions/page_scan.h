@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 
@@ -19,7 +20,7 @@ class PageScan {
   enum class Kind { present_or_swapped, present_but_zero_pages };
 
   // Calls `take(start, end)` for each run within the addresses, upwards, until one gives false. False then,
-  // and when the scan fails.
+  // and when the scan fails, with errno set.
   template <typename Take>
   bool forEachRun(int page_map, std::uint64_t start, std::uint64_t end, Kind kind, Take take) {
     while (start < end) {
@@ -31,7 +32,10 @@ class PageScan {
         if (!take(run.start, run.end)) return false;
         walked_to = std::max(walked_to, run.end);  // the kernel may tell of less than it has walked
       }
-      if (walked_to <= start) return false;
+      if (walked_to <= start) {
+        errno = EIO;
+        return false;
+      }
       start = walked_to;
     }
     return true;

@@ -40,7 +40,7 @@ struct RegionOwner {
 // Where the pages of a process are counted. Both give the same figures.
 enum class RegionSource {
   best,      // the cheaper of the two for the process, of those that the kernel offers
-  page_map,  // the mapping query of `maps` and `pagemap`, where the kernel has both (Linux 6.11)
+  page_map,  // the mapping query of `maps` and `pagemap`, where the kernel answers both (Linux 6.11)
   smaps
 };
 
@@ -48,8 +48,10 @@ enum class RegionSource {
 // one object as long as this lives. For one thread at a time.
 //
 // Shared libraries (files that are mapped to be executed, but for the executable) are shown one after the
-// other from the start of the walker's range for them, as far as they fit. All else is shown where it lies,
-// or 2^60 above that when it lies in a range that the walker reads: Linux puts stacks there.
+// other from the start of the walker's range for them, as far as they fit: to the walker of a task each of
+// their mappings as up to two regions, first its private pages, which are then counted as such, and behind
+// them what others have as well. All else is shown where it lies, or 2^60 above that when it lies in a range
+// that the walker reads: Linux puts stacks there.
 class ProcessRegions {
  public:
   explicit ProcessRegions(RegionSource source = RegionSource::best);
@@ -58,10 +60,10 @@ class ProcessRegions {
   ProcessRegions& operator=(const ProcessRegions&) = delete;
 
   // Replaces `regions` by those of the process whose folder of /proc is open as `process_folder`, in the
-  // order of their addresses. None for a process that is gone, that has no memory of its own (a kernel
-  // thread), or whose memory the reader may not see. A vector handed in again saves allocating. Throws
-  // std::bad_alloc.
-  void read(int process_folder, const RegionOwner& owner, RegionWalk walk,
+  // order of their addresses. None for one that has no memory of its own (a kernel thread). False, and none,
+  // when they cannot be told: the process is gone, the reader may not see its memory, or its processor type
+  // is not known. A vector handed in again saves allocating. Throws std::bad_alloc.
+  bool read(int process_folder, const RegionOwner& owner, RegionWalk walk,
             std::vector<ProcessRegion>& regions);
 
  private:

@@ -32,6 +32,20 @@ ShareMode shareModeOf(const Mapping& mapping) {
   return mapping.isAnonymous() && holds_nothing ? ShareMode::empty : ShareMode::private_pages;
 }
 
+// Parts a region: its private pages come first, `region` becomes the rest, perhaps of size 0.
+ProcessRegion takePrivatePages(ProcessRegion& region, std::uint64_t page_size_bytes) {
+  ProcessRegion own = region;
+  own.size_bytes = std::min(region.size_bytes, region.info.private_pages_resident * page_size_bytes);
+  own.info.share_mode = ShareMode::private_pages;
+  own.info.object_id = 0;
+  own.info.ref_count = 1;
+  own.info.shared_pages_resident = 0;
+  region.address += own.size_bytes;
+  region.size_bytes -= own.size_bytes;
+  region.info.private_pages_resident = 0;
+  return own;
+}
+
 }  // namespace
 
 void RegionView::findLibraries(std::span<const Mapping> mappings, std::uint64_t start_code) {
@@ -46,14 +60,13 @@ void RegionView::findLibraries(std::span<const Mapping> mappings, std::uint64_t 
   std::sort(libraries_.begin(), libraries_.end());
 }
 
-ProcessRegion RegionView::regionOf(const Mapping& mapping, const RegionOwner& owner, bool is_library) {
+ProcessRegion RegionView::regionOf(const Mapping& mapping, const RegionOwner& owner, ShareMode share_mode) {
   ProcessRegion region = {};
   region.address = mapping.start;
   region.size_bytes = mapping.end - mapping.start;
   region.protection = mapping.protection;
   RegionTopInfo& info = region.info;
-  // A library in its range is told by its private pages alone; one of another mode would be counted again.
-  info.share_mode = is_library ? ShareMode::copy_on_write : shareModeOf(mapping);
+  info.share_mode = share_mode;
   info.ref_count = info.share_mode == ShareMode::copy_on_write ? 2 : 1;
   info.private_pages_resident = static_cast<std::uint32_t>(mapping.private_pages);
   info.shared_pages_resident = static_cast<std::uint32_t>(mapping.shared_pages);
@@ -78,13 +91,18 @@ void RegionView::show(std::span<const Mapping> mappings, const RegionOwner& owne
   for (const Mapping& mapping : mappings) {
     const bool is_library = std::binary_search(libraries_.begin(), libraries_.end(), mapping.file) &&
                             mapping.end - mapping.start <= ranges.back().end() - next_library;
-    ProcessRegion& region = regions.emplace_back(regionOf(mapping, owner, is_library));
-    if (is_library) {
-      region.address = next_library;
-      next_library += region.size_bytes;
-    } else if (overlapsAny(mapping, ranges)) {
-      region.address += kOutOfTheWayBytes;
+    if (!is_library) {
+      ProcessRegion& region = regions.emplace_back(regionOf(mapping, owner, shareModeOf(mapping)));
+      if (overlapsAny(mapping, ranges)) region.address += kOutOfTheWayBytes;
+      continue;
     }
+    ProcessRegion region = regionOf(mapping, owner, ShareMode::copy_on_write);
+    region.address = next_library;
+    next_library += region.size_bytes;
+    if (walk == RegionWalk::of_task && region.info.private_pages_resident != 0) {
+      regions.push_back(takePrivatePages(region, page_size_bytes_));
+    }
+    if (region.size_bytes != 0) regions.push_back(region);
   }
   std::ranges::sort(regions, {}, &ProcessRegion::address);
 }

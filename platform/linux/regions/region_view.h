@@ -17,6 +17,8 @@ namespace volorn::linux_host {
 //   any page mapped elsewhere                 copy-on-write by two, with its own pages as private ones
 //
 // The other share modes are never shown: who adds regions up drops a shared object's private pages.
+//
+// A mapping of a library is shown by other rules: see ProcessRegions.
 class RegionView {
  public:
   explicit RegionView(std::uint64_t page_size_bytes) : page_size_bytes_(page_size_bytes) {}
@@ -27,7 +29,7 @@ class RegionView {
 
  private:
   void findLibraries(std::span<const Mapping> mappings, std::uint64_t start_code);
-  ProcessRegion regionOf(const Mapping& mapping, const RegionOwner& owner, bool is_library);
+  ProcessRegion regionOf(const Mapping& mapping, const RegionOwner& owner, ShareMode share_mode);
 
   std::uint64_t page_size_bytes_;
   ObjectIds object_ids_;

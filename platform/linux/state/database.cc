@@ -1,5 +1,7 @@
 #include "platform/linux/state/database.h"
 
+#include "platform/linux/state/late_files.h"
+
 namespace volorn::linux_host {
 namespace {
 
@@ -60,6 +62,12 @@ Statement& Statement::bind(int parameter, std::string_view text) {
   return *this;
 }
 
+Statement& Statement::bindBytes(int parameter, std::string_view bytes) {
+  check(sqlite3_bind_blob(statement_.get(), parameter, bytes.data(), static_cast<int>(bytes.size()),
+                          SQLITE_TRANSIENT));
+  return *this;
+}
+
 bool Statement::step() {
   const int result = sqlite3_step(statement_.get());
   if (result == SQLITE_ROW) return true;
@@ -91,6 +99,7 @@ std::string Statement::text(int column) const {
 
 Database::Database(const std::string& path, Access access, int busy_timeout_ms) {
   const int flags = access == Access::kReadOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE;
+  letSqliteSeeLateFiles();
   sqlite3* database = nullptr;
   const int result =
       sqlite3_open_v2(path.c_str(), &database, flags | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW, nullptr);

@@ -35,6 +35,7 @@ class Statement {
   Statement& bind(int parameter, std::int64_t value);
   Statement& bind(int parameter, double value);
   Statement& bind(int parameter, std::string_view text);
+  Statement& bindBytes(int parameter, std::string_view bytes);
 
   // True when there is a row to read. After false the statement is ready to be bound and run again.
   bool step();

@@ -1,21 +1,41 @@
 #include "platform/linux/state/schema.h"
 
+#include <sys/random.h>
+
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <cstddef>
+#include <string>
 #include <string_view>
+#include <system_error>
 
 namespace volorn::linux_host {
 namespace {
 
 constexpr std::int64_t kApplicationId = 0x766F6C6E;  // "voln"
 
-constexpr const char* kMarkAsOurs = "PRAGMA application_id = 0x766F6C6E; PRAGMA user_version = 1;";
+// A file made by copying a whole machine has the other's; nobody else has.
+void giveIdentity(Database& database) {
+  std::array<char, 16> identity = {};
+  if (getrandom(identity.data(), identity.size(), 0) != std::ssize(identity)) {
+    throw std::system_error(errno, std::generic_category(), "getrandom");
+  }
+  database.prepare("INSERT INTO file SELECT ?, coalesce(max(id), 0) + 1 FROM snapshot")
+      .bindBytes(1, {identity.data(), identity.size()})
+      .run();
+}
 
-static_assert(kSchemaVersion == 1 && kApplicationId == 0x766F6C6E, "kMarkAsOurs names both");
+// What a version adds to the one before.
+struct Version {
+  const char* tables;
+  void (*fill)(Database& database);
+};
 
 // Times are seconds since the reference date of Date. SQLite keeps each of these texts, and
-// holdsOurTablesAlone finds them again to the letter.
-constexpr std::string_view kTables = R"sql(CREATE TABLE preference (
+// holdsTablesAloneOf finds them again to the letter.
+constexpr std::array kVersions = {
+    Version{R"sql(CREATE TABLE preference (
   domain TEXT NOT NULL,
   key TEXT NOT NULL,
   kind TEXT NOT NULL CHECK (kind = 'date' AND typeof(value) = 'real'
@@ -51,21 +71,41 @@ CREATE TABLE metric (
 CREATE TABLE upkeep (
   task TEXT PRIMARY KEY,
   done_at REAL NOT NULL
-) STRICT, WITHOUT ROWID)sql";
+) STRICT, WITHOUT ROWID)sql",
+            nullptr},
+    // A row for each value that stands in for a reading, of the snapshots from first_with_stand_ins on.
+    Version{R"sql(CREATE TABLE stand_in (
+  snapshot_id INTEGER NOT NULL,
+  position INTEGER NOT NULL,
+  PRIMARY KEY (snapshot_id, position),
+  FOREIGN KEY (snapshot_id, position) REFERENCES metric
+) STRICT, WITHOUT ROWID;
+
+CREATE TABLE file (
+  identity BLOB NOT NULL CHECK (length(identity) = 16),
+  first_with_stand_ins INTEGER NOT NULL
+) STRICT)sql",
+            giveIdentity},
+    // One row from the first mark on, one text: each column would cost every run that reads the schema.
+    Version{R"sql(CREATE TABLE usage_books (books TEXT NOT NULL) STRICT)sql", nullptr},
+};
+
+static_assert(kVersions.size() == kSchemaVersion);
 
 constexpr std::string_view kBetweenTables = ";\n\n";
 
 // Not so when there is a trigger, a view or an expression of somebody else's, which our statements would run
 // and which need not end.
-bool holdsOurTablesAlone(Database& database) {
+bool holdsTablesAloneOf(std::int64_t version, Database& database) {
   Statement select = database.prepare("SELECT sql FROM sqlite_schema WHERE sql NOT NULL");
-  std::string_view expected = kTables;
-  while (select.step()) {
-    const std::size_t end = std::min(expected.find(kBetweenTables), expected.size());
-    if (select.text(0) != expected.substr(0, end)) return false;
-    expected.remove_prefix(std::min(end + kBetweenTables.size(), expected.size()));
+  for (std::int64_t i = 0; i < version; ++i) {
+    for (std::string_view expected = kVersions[static_cast<std::size_t>(i)].tables; !expected.empty();) {
+      const std::size_t end = std::min(expected.find(kBetweenTables), expected.size());
+      if (!select.step() || select.text(0) != expected.substr(0, end)) return false;
+      expected.remove_prefix(std::min(end + kBetweenTables.size(), expected.size()));
+    }
   }
-  return expected.empty();
+  return !select.step();
 }
 
 }  // namespace
@@ -73,19 +113,26 @@ bool holdsOurTablesAlone(Database& database) {
 Schema schemaOf(Database& database) {
   const std::int64_t application_id = database.integer("PRAGMA application_id");
   const std::int64_t version = database.integer("PRAGMA user_version");
-  if (application_id == kApplicationId && version == kSchemaVersion) {
-    if (holdsOurTablesAlone(database)) return Schema::kCurrent;
+  if (application_id == kApplicationId && version > kSchemaVersion) return {.kind = Schema::Kind::kNewer};
+  if (application_id == kApplicationId && version > 0) {
+    if (holdsTablesAloneOf(version, database)) return {.version = static_cast<int>(version)};
     throw SqliteError(SQLITE_CORRUPT, "its tables are not those that were made");
   }
-  if (application_id == kApplicationId && version > kSchemaVersion) return Schema::kNewer;
   const bool untouched = application_id == 0 && version == 0;
-  return untouched && database.integer("SELECT count(*) FROM sqlite_schema") == 0 ? Schema::kEmpty
-                                                                                  : Schema::kForeign;
+  if (untouched && database.integer("SELECT count(*) FROM sqlite_schema") == 0) return {};
+  return {.kind = Schema::Kind::kForeign};
 }
 
-void createSchema(Database& database) {
-  database.execute(kMarkAsOurs);
-  database.execute(kTables.data());
+void upgradeSchema(Database& database, int version) {
+  if (version == kSchemaVersion) return;
+  const std::string marks = "PRAGMA application_id = " + std::to_string(kApplicationId) +
+                            "; PRAGMA user_version = " + std::to_string(kSchemaVersion);
+  database.execute(marks.c_str());
+  for (; version < kSchemaVersion; ++version) {
+    const auto& [tables, fill] = kVersions[static_cast<std::size_t>(version)];
+    database.execute(tables);
+    if (fill) fill(database);
+  }
 }
 
 }  // namespace volorn::linux_host

@@ -8,22 +8,34 @@ namespace volorn::linux_host {
 
 inline constexpr const char* kStateFileName = "volorn.db";
 
-inline constexpr int kSchemaVersion = 1;
+inline constexpr int kSchemaVersion = 3;  // the newest that this program knows
+
+// Each version adds to those before it and changes nothing of them. From this one on the file keeps which of
+// a snapshot's values stand in for a reading, and has an identity of its own.
+inline constexpr int kStandInsVersion = 2;
+
+// From this one on the file keeps the books of usage.
+inline constexpr int kUsageBooksVersion = 3;
 
 inline constexpr std::int64_t kSnapshotsKept = 4000;  // the newest
 
 // What a database that could be opened turns out to be.
-enum class Schema {
-  kEmpty,    // nothing in it, as a file of length 0
-  kCurrent,  // ours, of the version that this program knows
-  kNewer,    // ours, made by a newer program
-  kForeign,  // anything else
+struct Schema {
+  enum class Kind {
+    kOurs,
+    kNewer,    // ours, made by a newer program
+    kForeign,  // anything else
+  };
+
+  Kind kind = Kind::kOurs;
+  int version = 0;  // of one of ours; 0 for an empty database, as a file of length 0 is
 };
 
 // Throws SqliteError, above all for a file that is no database and for one of ours with other tables in it.
 Schema schemaOf(Database& database);
 
-// Fills an empty database. Throws SqliteError.
-void createSchema(Database& database);
+// Brings a database of ours from that version to the newest, within the transaction that is under way. Throws
+// SqliteError, and std::system_error where there is no chance to be had for an identity.
+void upgradeSchema(Database& database, int version);
 
 }  // namespace volorn::linux_host

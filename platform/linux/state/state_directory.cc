@@ -27,8 +27,6 @@ constexpr mode_t kDirectoryMode = 0755;
 constexpr mode_t kStateFileMode = 0640;
 constexpr mode_t kLockMode = 0600;
 
-constexpr std::int64_t kLockPatienceMs = 45'000;
-
 // What the two files are to need at most: 4,000 snapshots take 1.3 MiB, a run puts back a few dozen pages.
 constexpr off_t kStateFileBytes = 1536 * 1024;
 constexpr off_t kJournalBytes = 256 * 1024;
@@ -38,7 +36,7 @@ constexpr off_t kJournalBytes = 256 * 1024;
 }
 
 void syncDirectory(const std::string& path) {
-  const FileDescriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const FileDescriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (directory) fsync(directory.get());
 }
 
@@ -62,10 +60,10 @@ int makeDirectories(const std::string& path) {
 
 FileDescriptor openDirectory(const std::string& path) {
   constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-  FileDescriptor directory(open(path.c_str(), kFlags));
+  FileDescriptor directory(::open(path.c_str(), kFlags));
   if (!directory && errno == ENOENT) {
     const int error = makeDirectories(path);
-    directory = FileDescriptor(open(path.c_str(), kFlags));
+    directory = FileDescriptor(::open(path.c_str(), kFlags));
     if (!directory && error != 0) fail(path, error);
   }
   if (!directory) fail(path);
@@ -142,11 +140,18 @@ std::string StateDirectory::describe() const {
   return path_.empty() ? kStateFileName : path_ + "/" + kStateFileName;
 }
 
+int StateDirectory::open() {
+  if (directory_) return directory_.get();
+  if (path_.empty()) fail("this user has no home folder", ENOENT);
+  FileDescriptor directory = openDirectory(path_);
+  becomeOwnerOf(directory.get(), path_);
+  directory_ = std::move(directory);
+  return directory_.get();
+}
+
 void StateDirectory::enter() {
   if (lock_) return;
-  if (path_.empty()) fail("this user has no home folder", ENOENT);
-  directory_ = openDirectory(path_);
-  becomeOwnerOf(directory_.get(), path_);
+  open();
   takeLock();
   makeStateFile();
   state_file_path_ = canonical(path_) + "/" + kStateFileName;
@@ -158,7 +163,7 @@ void StateDirectory::takeLock() {
   FileDescriptor lock(openat(directory_.get(), kLockName,
                              O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kLockMode));
   if (!lock) fail(path);
-  const int error = lockFile(lock.get(), kLockPatienceMs);
+  const int error = lockFile(lock.get(), patience_ms_);
   if (error == ETIMEDOUT) fail(path + ": another run holds it", error);
   if (error != 0) fail(path, error);
   lock_ = std::move(lock);

@@ -1,9 +1,10 @@
 #include "platform/linux/state/state_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <filesystem>
+#include <algorithm>
 #include <system_error>
 
 #include "platform/linux/state/schema.h"
@@ -12,7 +13,7 @@ namespace volorn::linux_host {
 namespace {
 
 // A reader holds its lock for milliseconds.
-constexpr int kBusyTimeoutMs = 10'000;
+constexpr std::int64_t kReaderPatienceMs = 10'000;
 
 // A check reads the whole file, which costs ten times the run and more.
 constexpr double kCheckIntervalSeconds = 30.0 * 86400.0;
@@ -59,16 +60,19 @@ void StateFile::begin() {
 void StateFile::open() {
   directory_.enter();
   // SQLite takes a file of one byte for an empty one, and would write over it.
-  if (std::filesystem::file_size(directory_.stateFilePath()) == 1) {
+  struct stat status = {};
+  if (stat(directory_.stateFilePath().c_str(), &status) == 0 && status.st_size == 1) {
     throw SqliteError(SQLITE_NOTADB, "file is not a database");
   }
-  database_.emplace(directory_.stateFilePath(), Database::Access::kReadWrite, kBusyTimeoutMs);
+  database_.emplace(directory_.stateFilePath(), Database::Access::kReadWrite,
+                    static_cast<int>(std::min(kReaderPatienceMs, directory_.patienceMs())));
   // Looked at before anything is asked for that would change it, and locked once for all of it.
   database_->execute("BEGIN");
   schema_ = schemaOf(*database_);
   database_->execute("END");
-  if (schema_ == Schema::kForeign) throw SqliteError(SQLITE_NOTADB, "it holds another program's data");
-  if (schema_ == Schema::kNewer) {
+  if (schema_.kind == Schema::Kind::kForeign)
+    throw SqliteError(SQLITE_NOTADB, "it holds another program's data");
+  if (schema_.kind == Schema::Kind::kNewer) {
     lose("it was written by a newer program, and is left as it is");
     database_.reset();
     return;
@@ -83,8 +87,8 @@ void StateFile::open() {
 void StateFile::bringUpToDate() {
   if (transaction_ > 1) return;
   const double now = clock_.now().secondsSinceReferenceDate();
-  if (schema_ == Schema::kEmpty) {
-    createSchema(*database_);
+  upgradeSchema(*database_, schema_.version);
+  if (schema_.version == 0) {
     database_->prepare("INSERT INTO upkeep VALUES (?, ?)").bind(1, kCheckTask).bind(2, now).run();
     return;
   }
@@ -99,9 +103,11 @@ void StateFile::bringUpToDate() {
   database_->prepare("REPLACE INTO upkeep VALUES (?, ?)").bind(1, kCheckTask).bind(2, now).run();
 }
 
-void StateFile::commit() {
-  if (!database_ || lost_ || database_->autocommits()) return;
+bool StateFile::commit() {
+  if (!database_ || lost_) return false;
+  if (database_->autocommits()) return true;
   if (attempt([this] { database_->execute("COMMIT"); })) directory_.holdSpace();
+  return !lost_;
 }
 
 bool StateFile::attempt(const std::function<void()>& step) {

@@ -39,7 +39,10 @@ class StateFile {
   // The same for work that writes, which is not even tried any more after a loss.
   bool write(const std::function<void(Database&)>& work);
 
-  void commit();
+  // False when something was lost, in this transaction or before.
+  bool commit();
+
+  StateDirectory& directory() { return directory_; }
 
   // Tells one transaction from the next.
   int transaction() const { return transaction_; }
@@ -58,7 +61,7 @@ class StateFile {
   std::optional<Database> database_;
   bool tried_ = false;  // to open the file
   bool lost_ = false;
-  Schema schema_ = Schema::kEmpty;  // as it was found
+  Schema schema_;  // as it was found
   int transaction_ = 0;
 };
 

@@ -17,4 +17,9 @@ std::optional<JobDescription> selectJob(Database& database, std::string_view nam
   return JobDescription{.window_start_time = select.real(0), .window_end_time = select.real(1)};
 }
 
+std::optional<UsageBooks> selectUsageBooks(Database& database) {
+  Statement select = database.prepare("SELECT books FROM usage_books");
+  return select.step() ? parseUsageBooks(select.text(0)) : std::nullopt;
+}
+
 }  // namespace volorn::linux_host

@@ -11,6 +11,7 @@
 
 #include "platform/linux/state/schema.h"
 #include "platform/linux/state/state_queries.h"
+#include "platform/snapshot_keys.h"
 
 namespace volorn::linux_host {
 namespace {
@@ -55,6 +56,24 @@ std::string locate(const std::string& directory) {
   }
 }
 
+constexpr const char* kStandsIn =
+    "EXISTS (SELECT * FROM stand_in s WHERE (s.snapshot_id, s.position) = (metric.snapshot_id, "
+    "metric.position))";
+
+// What stands in among the metrics of a snapshot from before this was kept.
+std::vector<std::string> negativeReadings(const decltype(StoredSnapshot::metrics)& metrics) {
+  using namespace snapshot_key;
+  bool query_failed = false;  // which gives usage, standby and whether fully charged once, in this order
+  std::vector<std::string> keys;
+  for (const auto& [key, value] : metrics) {
+    const bool is_time = key == kUsage || key == kStandby;
+    query_failed |= is_time && value < 0;
+    const bool is_negative = (is_time || key == kCharged) && value < 0;
+    if (is_negative || (query_failed && key == kFullyChargedOnce)) keys.push_back(key);
+  }
+  return keys;
+}
+
 }  // namespace
 
 template <typename Work>
@@ -70,15 +89,15 @@ StateReader::StateReader(const std::string& directory) : path_(locate(directory)
   guarded([this] {
     database_.emplace(path_, Database::Access::kReadOnly, kBusyTimeoutMs);
     database_->execute("BEGIN");
-    switch (schemaOf(*database_)) {
-      case Schema::kCurrent:
-        return;
-      case Schema::kEmpty:
-        throw StateUnreadable(Reason::kNothingYet, path_ + ": no run has kept anything yet");
-      case Schema::kNewer:
-        refuse(path_, "written by a newer program");
-      case Schema::kForeign:
-        refuse(path_, "holds another program's data");
+    const Schema schema = schemaOf(*database_);
+    if (schema.kind == Schema::Kind::kNewer) refuse(path_, "written by a newer program");
+    if (schema.kind == Schema::Kind::kForeign) refuse(path_, "holds another program's data");
+    if (schema.version == 0) {
+      throw StateUnreadable(Reason::kNothingYet, path_ + ": no run has kept anything yet");
+    }
+    has_usage_books_ = schema.version >= kUsageBooksVersion;
+    if (schema.version >= kStandInsVersion) {
+      first_with_stand_ins_ = database_->integer("SELECT first_with_stand_ins FROM file");
     }
   });
 }
@@ -91,6 +110,11 @@ std::optional<JobDescription> StateReader::job(std::string_view name) {
   return guarded([&] { return selectJob(*database_, name); });
 }
 
+std::optional<UsageBooks> StateReader::usageBooks() {
+  if (!has_usage_books_) return std::nullopt;
+  return guarded([&] { return selectUsageBooks(*database_); });
+}
+
 std::optional<StoredSnapshot> StateReader::newestSnapshot() {
   std::vector<StoredSnapshot> snapshots = newestSnapshots(1);
   return snapshots.empty() ? std::nullopt : std::optional(std::move(snapshots.front()));
@@ -101,15 +125,20 @@ std::vector<StoredSnapshot> StateReader::newestSnapshots(std::int64_t limit) {
     std::vector<StoredSnapshot> snapshots;
     Statement newest = database_->prepare(
         "SELECT id, taken_at FROM (SELECT * FROM snapshot ORDER BY id DESC LIMIT ?) ORDER BY id");
+    const bool any_stand_ins = first_with_stand_ins_ < std::numeric_limits<std::int64_t>::max();
     Statement metrics = database_->prepare(
-        "SELECT name, value FROM metric JOIN metric_key ON id = key_id WHERE snapshot_id = ? ORDER BY "
-        "position");
+        "SELECT name, value, " + std::string(any_stand_ins ? kStandsIn : "false") +
+        " FROM metric JOIN metric_key ON id = key_id WHERE snapshot_id = ? ORDER BY position");
     newest.bind(1, std::min(limit, kSnapshotsKept));  // a file that holds more is not sound
     while (newest.step()) {
       StoredSnapshot& snapshot = snapshots.emplace_back(
           StoredSnapshot{.taken_at = Date::fromSecondsSinceReferenceDate(newest.real(1)), .metrics = {}});
       metrics.bind(1, newest.integer(0));
-      while (metrics.step()) snapshot.metrics.emplace_back(metrics.text(0), metrics.integer(1));
+      while (metrics.step()) {
+        const auto& [key, value] = snapshot.metrics.emplace_back(metrics.text(0), metrics.integer(1));
+        if (metrics.integer(2) != 0) snapshot.unknown.push_back(key);
+      }
+      if (newest.integer(0) < first_with_stand_ins_) snapshot.unknown = negativeReadings(snapshot.metrics);
     }
     return snapshots;
   });

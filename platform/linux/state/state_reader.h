@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <limits>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -10,6 +12,7 @@
 
 #include "platform/date.h"
 #include "platform/linux/state/database.h"
+#include "platform/linux/usage_books.h"
 #include "platform/preferences_store.h"
 #include "platform/waketide.h"
 
@@ -35,6 +38,10 @@ class StateUnreadable : public std::runtime_error {
 struct StoredSnapshot {
   Date taken_at;
   std::vector<std::pair<std::string, std::int64_t>> metrics;  // in the order written
+  std::vector<std::string> unknown =
+      {};  // keys among them whose value stands in for a reading, in that order
+
+  bool isKnown(std::string_view key) const { return std::ranges::find(unknown, key) == unknown.end(); }
 };
 
 // Reads a state file without writing a byte to it or beside it, in one transaction that holds up a daemon's
@@ -50,6 +57,9 @@ class StateReader {
   std::optional<PreferenceValue> preference(std::string_view domain, std::string_view key);
   std::optional<JobDescription> job(std::string_view name);
 
+  // None before the first mark, and in a file from before there were books.
+  std::optional<UsageBooks> usageBooks();
+
   // None when no snapshot has been taken.
   std::optional<StoredSnapshot> newestSnapshot();
 
@@ -62,6 +72,8 @@ class StateReader {
 
   std::string path_;
   std::optional<Database> database_;
+  bool has_usage_books_ = false;
+  std::int64_t first_with_stand_ins_ = std::numeric_limits<std::int64_t>::max();  // snapshot that keeps them
 };
 
 }  // namespace volorn::linux_host

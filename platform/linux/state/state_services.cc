@@ -47,6 +47,9 @@ void LinuxMetricStore::setScalarValue(std::string_view key, std::int64_t value) 
       insert_key_->bind(1, key).run();
       insert_metric_->run();
     }
+    if (!stand_ins_.contains(key)) return;
+    if (!insert_stand_in_) insert_stand_in_ = database.prepare("INSERT INTO stand_in VALUES (?, ?)");
+    insert_stand_in_->bind(1, snapshot_id_).bind(2, position_).run();
   });
 }
 
@@ -64,8 +67,11 @@ void LinuxMetricStore::beginSnapshot(Database& database) {
   transaction_ = state_file_.transaction();
   if (snapshot_id_ <= kSnapshotsKept) return;
   const std::int64_t newest_dropped = snapshot_id_ - kSnapshotsKept;
-  database.prepare("DELETE FROM metric WHERE snapshot_id <= ?").bind(1, newest_dropped).run();
-  database.prepare("DELETE FROM snapshot WHERE id <= ?").bind(1, newest_dropped).run();
+  for (const char* statement :
+       {"DELETE FROM stand_in WHERE snapshot_id <= ?", "DELETE FROM metric WHERE snapshot_id <= ?",
+        "DELETE FROM snapshot WHERE id <= ?"}) {
+    database.prepare(statement).bind(1, newest_dropped).run();
+  }
 }
 
 void LinuxWaketide::WaketideInit(std::string_view /*client_name*/, WorkQueue& /*queue*/,

@@ -3,6 +3,7 @@
 #include <optional>
 #include <string_view>
 
+#include "platform/linux/stand_ins.h"
 #include "platform/linux/state/state_file.h"
 #include "platform/metric_store.h"
 #include "platform/preferences_store.h"
@@ -26,10 +27,12 @@ class LinuxPreferencesStore : public PreferencesStore {
   std::optional<Statement> replace_;
 };
 
-// Each transaction's metrics make one snapshot, in the order written. The newest 4,000 snapshots are kept.
+// Each transaction's metrics make one snapshot, in the order written, with whether the value stands in for a
+// reading. The newest 4,000 snapshots are kept.
 class LinuxMetricStore : public MetricStore {
  public:
-  LinuxMetricStore(StateFile& state_file, Clock& clock) : state_file_(state_file), clock_(clock) {}
+  LinuxMetricStore(StateFile& state_file, Clock& clock, const StandIns& stand_ins)
+      : state_file_(state_file), clock_(clock), stand_ins_(stand_ins) {}
 
   void setScalarValue(std::string_view key, std::int64_t value) override;
 
@@ -38,8 +41,10 @@ class LinuxMetricStore : public MetricStore {
 
   StateFile& state_file_;
   Clock& clock_;
+  const StandIns& stand_ins_;
   std::optional<Statement> insert_metric_;
   std::optional<Statement> insert_key_;
+  std::optional<Statement> insert_stand_in_;
   int transaction_ = 0;  // that the snapshot belongs to
   std::int64_t snapshot_id_ = 0;
   std::int64_t position_ = 0;

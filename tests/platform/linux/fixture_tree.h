@@ -1,6 +1,7 @@
 #pragma once
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -35,6 +36,37 @@ class FixtureTree {
 
  private:
   TemporaryFolder folder_;
+};
+
+// What a process's files tell, or a thread's.
+struct ProcessFixture {
+  std::string name = "worker";
+  char state = 'S';
+  int threads = 1;
+  int user_ticks = 0;
+  int system_ticks = 0;
+  int start_ticks = 1000;
+  int start_code = 4194304;
+  int context_switches = 6;
+  int resident_kib = 8;
+
+  std::string stat(int pid) const {
+    const auto number = [](int value) { return ' ' + std::to_string(value); };
+    return std::to_string(pid) + " (" + name + ") " + state + " 1 2 0 0 -1 64 10 0 3 0" + number(user_ticks) +
+           number(system_ticks) + " 0 0 20 0" + number(threads) + " 0" + number(start_ticks) + " 4096 1 99" +
+           number(start_code) + " 2 3 0 0 0 0 0 0 0 0 0 17 0 0\n";
+  }
+
+  void write(const FixtureTree& tree, int pid, const std::string& above = {}) const {
+    const std::string folder = above + std::to_string(pid) + "/";
+    tree.write(folder + "stat", stat(pid));
+    tree.write(folder + "status", "Uid:\t7\t8\t9\t9\nVmSize:\t16 kB\nVmRSS:\t" +
+                                      std::to_string(resident_kib) +
+                                      " kB\nRssAnon:\t4 kB\nVmPTE:\t1 kB\nvoluntary_ctxt_switches:\t" +
+                                      std::to_string(context_switches) + "\n");
+    tree.write(folder + "statm", "4 " + std::to_string(resident_kib * 1024 / sysconf(_SC_PAGESIZE)) + " 0\n");
+    std::filesystem::create_directories(tree.at(folder + "fd"));
+  }
 };
 
 struct UnreadableFile {

@@ -2,7 +2,6 @@
 
 #include <cstdint>
 
-#include "platform/linux/parse_loadavg.h"
 #include "platform/linux/parse_meminfo.h"
 #include "platform/linux/parse_number.h"
 
@@ -26,30 +25,6 @@ TEST(ParseTest, AnIntegerIsAllOfTheTextOrNone) {
   for (std::size_t comma; (comma = no_numbers.find(',')) != no_numbers.npos;) {
     EXPECT_EQ(parseInteger(no_numbers.substr(0, comma)), std::nullopt) << no_numbers;
     no_numbers.remove_prefix(comma + 1);
-  }
-}
-
-TEST(ParseTest, LoadAveragesCountUpToTheFirstUnreadable) {
-  const struct {
-    std::string_view text;
-    std::array<double, 3> samples;
-    int count;
-  } rows[] = {
-      {"0.20 0.18 1234.12 1/80 11206\n", {0.20, 0.18, 1234.12}, 3},
-      {"1.50 2 3", {1.5, 2.0, 3.0}, 3},
-      {"1.50 2.25", {1.5, 2.25, 0.0}, 2},
-      {"1.50 2.25 3.x", {1.5, 2.25, 0.0}, 2},
-      {"1.50 -2.25 3.00", {1.5, 0.0, 0.0}, 1},
-      {"1.50  2.25 3.00", {1.5, 0.0, 0.0}, 1},
-      {"nan inf 1.0", {}, 0},
-      {"1e5 1 1", {}, 0},
-      {"1.5\0 1 1"sv, {}, 0},
-      {"", {}, 0},
-  };
-  for (const auto& [text, samples, count] : rows) {
-    const LoadAverages averages = parseLoadAverages(text);
-    EXPECT_EQ(averages.samples, samples) << text;
-    EXPECT_EQ(averages.count, count) << text;
   }
 }
 

@@ -120,6 +120,11 @@ TEST_F(BuildIdsTest, AFileThatSaysWhatCannotBeHasNone) {
   const std::string note = elf.note("GNU\0"s, NT_GNU_BUILD_ID, kId);
   const std::string rest = elf.segment(PT_NOTE, 64 + 56, note.size()) + note;
   EXPECT_EQ(idOf(elf.head(64, 1) + rest), kId.substr(0, 16));
+  for (const unsigned place : {0U, 4U, 5U}) {  // magic, class, byte order
+    std::string head = elf.head(64, 1);
+    head[place] = 3;
+    EXPECT_EQ(idOf(head + rest), kNone) << place;
+  }
   for (const std::string& head : {elf.head(UINT64_MAX, 1), elf.head(UINT64_MAX - 55, 2),
                                   elf.head(1ULL << 62, 1), elf.head(64, UINT16_MAX), elf.head(64, 0)}) {
     EXPECT_EQ(idOf(head + rest), kNone);

@@ -1,15 +1,27 @@
 #include "platform/linux/linux_kernel.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <set>
 #include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
+#include "platform/linux/kernel/parse_elf.h"
+#include "platform/linux/kernel/parse_process_stat.h"
 #include "tests/platform/linux/fixture_tree.h"
 
 namespace volorn::linux_host {
@@ -17,28 +29,10 @@ namespace {
 
 using namespace std::string_literals;
 
-struct ProcessFixture {
-  std::string name = "worker";
-  char state = 'S';
-  int threads = 1;
-  int user_ticks = 0;
-  int system_ticks = 0;
-  int start_ticks = 1000;
-  int start_code = 4194304;
-  int context_switches = 6;
-
-  std::string stat(int pid) const {
-    const auto number = [](int value) { return ' ' + std::to_string(value); };
-    return std::to_string(pid) + " (" + name + ") " + state + " 1 2 0 0 -1 64 10 0 3 0" + number(user_ticks) +
-           number(system_ticks) + " 0 0 20 0" + number(threads) + " 0" + number(start_ticks) + " 4096 1 99" +
-           number(start_code) + " 2 3 0 0 0 0 0 0 0 0 0 17 0 0\n";
-  }
-};
-
 class LinuxKernelTest : public ::testing::Test {
  protected:
   LinuxKernelTest() {
-    tree_.write("stat", "cpu  1 2 3 4 5 6 7\nbtime 1700000000\n");
+    tree_.write("stat", "cpu  1 2 3 4 5 6 7\n");
     tree_.write("thread-self/sched", schedule("5500.0", 1));
   }
 
@@ -47,18 +41,10 @@ class LinuxKernelTest : public ::testing::Test {
            "\nnr_switches : " + std::to_string(switches) + "\n";
   }
 
-  void writeProcess(int pid, const ProcessFixture& process, int resident_kib = 8) {
-    const std::string folder = std::to_string(pid) + "/";
-    tree_.write(folder + "stat", process.stat(pid));
-    tree_.write(folder + "status", "Uid:\t7\t8\t9\t9\nVmSize:\t16 kB\nVmRSS:\t" +
-                                       std::to_string(resident_kib) +
-                                       " kB\nRssAnon:\t4 kB\nVmPTE:\t1 kB\nvoluntary_ctxt_switches:\t" +
-                                       std::to_string(process.context_switches) + "\n");
-    tree_.write(folder + "statm",
-                "4 " + std::to_string(resident_kib * 1024 / sysconf(_SC_PAGESIZE)) + " 0\n");
-    tree_.write(folder + "comm", process.name + "\n");
-    tree_.write(folder + "cmdline", "run\0-x\0"s);
-    std::filesystem::create_directories(tree_.at(folder + "fd"));
+  void writeProcess(int pid, const ProcessFixture& process) {
+    process.write(tree_, pid);
+    tree_.write(std::to_string(pid) + "/comm", process.name + "\n");
+    tree_.write(std::to_string(pid) + "/cmdline", "run\0-x\0"s);
   }
 
   void writeThread(int pid, int thread, const ProcessFixture& stat, const std::string& sched) {
@@ -94,11 +80,19 @@ TEST_F(LinuxKernelTest, TheProcessRecordIsThatOfStatAndStatus) {
   KinfoProc record = {};
   ASSERT_EQ(processOf(42, record), 0);
   EXPECT_STREQ(record.command.data(), "((bash process)\n");  // 16 bytes, and a NUL
-  EXPECT_EQ(record.uid, 8U);
-  EXPECT_EQ(record.ppid, 1U);
-  EXPECT_EQ(record.pgid, 2U);
   EXPECT_EQ(record.flags, 64U);
-  EXPECT_EQ(record.started, (TimeStamp{.seconds = 1700000002, .microseconds = 500000}));
+  const auto microseconds = [](clockid_t clock) {
+    timespec time = {};
+    clock_gettime(clock, &time);
+    return std::int64_t{time.tv_sec} * 1'000'000 + time.tv_nsec / 1000;
+  };
+  const std::int64_t started = record.started.seconds * 1'000'000 + record.started.microseconds;
+  const std::int64_t age = microseconds(CLOCK_REALTIME) - started;
+  EXPECT_NEAR(static_cast<double>(age), static_cast<double>(microseconds(CLOCK_BOOTTIME) - 2'500'000),
+              20'000);
+  KinfoProc again = {};
+  ASSERT_EQ(processOf(42, again), 0);
+  EXPECT_EQ(again.started, record.started) << "whenever it is told";
   EXPECT_EQ(processOf(43, record), -1);
   EXPECT_EQ(errno, ESRCH);
 }
@@ -110,7 +104,7 @@ TEST_F(LinuxKernelTest, WhileAPortIsLentItsProcessIsReadOnce) {
   ASSERT_EQ(kernel_.task_info(port, info), kKernelSuccess);
   EXPECT_EQ(info.resident_size, 8U * 1024);
   EXPECT_EQ(info.virtual_size, 16U * 1024);
-  writeProcess(42, {}, 80);
+  writeProcess(42, {.resident_kib = 80});
   ASSERT_EQ(kernel_.task_info(port, info), kKernelSuccess);
   EXPECT_EQ(info.resident_size, 8U * 1024);
   EXPECT_EQ(kernel_.mach_port_deallocate(kernel_.mach_task_self(), port), kKernelSuccess);
@@ -139,29 +133,11 @@ TEST_F(LinuxKernelTest, FewFoldersAreOpenAndAnotherProcessOfThePidIsNotTakenForT
   EXPECT_EQ(openDescriptors(), before);
 }
 
-// Whichever file is the first that is no longer there.
-TEST_F(LinuxKernelTest, AProcessThatVanishesFailsTheCallsThatFollow) {
-  TaskBasicInfo basic = {};
-  TaskPowerInfo power = {};
-  PortArray threads;
-  for (const auto file : {"stat", "status", "task"}) {
-    writeProcess(42, {.threads = 2});
-    writeThread(42, 42, {}, "");
-    PortName port = 0;
-    std::filesystem::remove_all(tree_.at("42/"s + file));
-    if (kernel_.task_for_pid(kernel_.mach_task_self(), 42, port) != kKernelSuccess) continue;
-    EXPECT_EQ(kernel_.task_info(port, basic), kKernelInvalidArgument) << file;
-    EXPECT_EQ(kernel_.task_info(port, power), kKernelInvalidArgument) << file;
-    EXPECT_EQ(kernel_.task_threads(port, threads), kKernelInvalidArgument) << file;
-    removeProcess(42);
-  }
-}
-
 TEST_F(LinuxKernelTest, ThreadsAndTheEndedOnesAddUpToTheProcess) {
   writeProcess(42, {.threads = 2, .user_ticks = 120, .system_ticks = 60});
-  writeThread(42, 42, {.state = 'R', .user_ticks = 20, .system_ticks = 61}, schedule("5499.9", 5));
-  writeThread(42, 43, {.state = 'D', .user_ticks = 30, .system_ticks = 0}, schedule("2000.5", 70));
-  writeThread(42, 44, {.state = 'I'}, "");  // as of a kernel that tells no schedules
+  writeThread(42, 42, {.state = 'D', .user_ticks = 20, .system_ticks = 61}, schedule("2000.5", 5));
+  writeThread(42, 43, {.state = 'I', .user_ticks = 30, .system_ticks = 0}, schedule("2000.5", 70));
+  writeThread(42, 44, {.state = 'R'}, "");  // as of a kernel that tells no schedules
   tree_.write("42/task/44/status",
               "Uid:\t7\t8\nvoluntary_ctxt_switches:\t3\nnonvoluntary_ctxt_switches:\t1\n");
   const PortName port = portOf(42);
@@ -171,26 +147,16 @@ TEST_F(LinuxKernelTest, ThreadsAndTheEndedOnesAddUpToTheProcess) {
   EXPECT_EQ(basic.system_time, TimeStamp());
   PortArray threads;
   ASSERT_EQ(kernel_.task_threads(port, threads), kKernelSuccess);
-  ASSERT_EQ(threads.size(), 3U);
-  const struct {
-    RunState state;
-    std::int32_t sleep_seconds;
-  } expected[] = {{RunState::running, 0}, {RunState::uninterruptible, 3}, {RunState::waiting, 0}};
-  int seen = 0;
+  std::set<std::pair<RunState, std::int32_t>> states;  // and how long they have slept, in seconds
   for (const PortName thread : threads) {
     ThreadBasicInfo info = {};
     ASSERT_EQ(kernel_.thread_info(thread, info), kKernelSuccess);
-    for (const auto& [state, sleep_seconds] : expected) {
-      if (info.run_state != state) continue;
-      ++seen;
-      EXPECT_EQ(info.sleep_time_seconds, sleep_seconds) << static_cast<int>(state);
-    }
+    states.emplace(info.run_state, info.sleep_time_seconds);
   }
-  EXPECT_EQ(seen, 3);
+  EXPECT_EQ(states, (decltype(states){
+                        {RunState::running, 0}, {RunState::uninterruptible, 0}, {RunState::waiting, 3}}));
   TaskEventsInfo events = {};
   ASSERT_EQ(kernel_.task_info(port, events), kKernelSuccess);
-  EXPECT_EQ(events.counters[kTaskEventFaults], 13);
-  EXPECT_EQ(events.counters[kTaskEventPageins], 3);
   EXPECT_EQ(events.counters[kTaskEventContextSwitches], 79);
   // The ports of threads end with their task's.
   const PortName first = threads[0];
@@ -199,6 +165,108 @@ TEST_F(LinuxKernelTest, ThreadsAndTheEndedOnesAddUpToTheProcess) {
   EXPECT_EQ(kernel_.thread_info(first, info), kKernelInvalidArgument);
   EXPECT_EQ(kernel_.mach_vm_deallocate(kernel_.mach_task_self(), threads), kKernelSuccess);
   EXPECT_EQ(kernel_.mach_vm_deallocate(kernel_.mach_task_self(), threads), kKernelInvalidArgument);
+}
+
+TEST_F(LinuxKernelTest, SwitchesOfThreadsThatHaveEndedStay) {
+  struct Thread {
+    int id;
+    int start_ticks;
+    int switches;
+  };
+  const struct {
+    const char* what;
+    std::vector<Thread> threads;
+    int total;
+    int start_code = 4096;
+  } kSteps[] = {
+      {"one", {{42, 1000, 5}}, 5},
+      {"two more", {{44, 1001, 4}, {42, 1000, 5}, {43, 1001, 70}}, 79},
+      {"one has ended", {{42, 1000, 6}, {44, 1001, 5}}, 81},
+      {"its number is used again", {{42, 1000, 6}, {43, 1002, 90}, {44, 1001, 5}}, 171},
+      {"all but the first have ended", {{42, 1000, 7}}, 172},
+      {"one more", {{42, 1000, 8}, {45, 1003, 30}}, 203},
+      {"which has executed another program", {{42, 1000, 33}}, 206, 8192},
+      {"another process", {{42, 2000, 3}}, 3},
+  };
+  for (const auto& [what, threads, total, start_code] : kSteps) {
+    removeProcess(42);
+    const auto first = std::ranges::find(threads, 42, &Thread::id);
+    writeProcess(42, {.threads = static_cast<int>(threads.size()),
+                      .start_ticks = first->start_ticks,
+                      .start_code = start_code,
+                      .context_switches = first->switches});
+    for (const auto& [id, start_ticks, switches] : threads) {
+      writeThread(42, id, {.start_ticks = start_ticks}, schedule("1.0", switches));
+    }
+    const PortName port = portOf(42);
+    TaskEventsInfo events = {};
+    for (int i = 0; i < 2; ++i) {  // asked about again they are the same
+      ASSERT_EQ(kernel_.task_info(port, events), kKernelSuccess) << what;
+      EXPECT_EQ(events.counters[kTaskEventContextSwitches], total) << what;
+    }
+    kernel_.mach_port_deallocate(kernel_.mach_task_self(), port);
+  }
+}
+
+TEST_F(LinuxKernelTest, WhatNobodyMayReadIsNotTakenForNone) {
+  const auto look = [&](int pid) {
+    RegionTopInfo region = {};
+    std::uint64_t address = 0;
+    std::uint64_t size = 0;
+    PortArray names;
+    PortArray types;
+    const PortName port = portOf(pid);
+    kernel_.mach_vm_region(port, address, size, region);
+    kernel_.mach_port_names(port, names, types);
+    kernel_.mach_port_deallocate(kernel_.mach_task_self(), port);
+    const auto notes = kernel_.notesOn(pid).value();
+    return std::to_string(notes.start_ticks) + (notes.regions_are_known ? " regions" : "") +
+           (notes.descriptors_are_known ? " descriptors" : "");
+  };
+  EXPECT_FALSE(kernel_.notesOn(42));
+  writeProcess(42, {});
+  tree_.write("42/auxv", std::string(8, '\0'));
+  EXPECT_EQ(look(42), "1000 descriptors") << "of no source";
+  tree_.write("42/maps", "");  // a file that knows no query
+  tree_.write("42/pagemap", "");
+  tree_.write("42/smaps", "1000-3000 rw-p 00000000 00:00 0 \n");
+  EXPECT_EQ(look(42), "1000 regions descriptors");
+  tree_.write("42/auxv", "");
+  writeProcess(42, {.start_ticks = 1001});
+  std::filesystem::remove(tree_.at("42/fd"));
+  EXPECT_EQ(look(42), "1001") << "of a processor that is not known";
+  writeProcess(42, {.start_ticks = 1002});
+  tree_.write("42/status", "Uid:\t0\t0\t0\t0\nvoluntary_ctxt_switches:\t1\n");
+  EXPECT_EQ(look(42), "1002 regions descriptors") << "a thread of the kernel's";
+  const PortName port = portOf(42);
+  TaskPowerInfo power = {};
+  ASSERT_EQ(kernel_.task_info(port, power), kKernelSuccess);
+  removeProcess(42);
+  TaskBasicInfo basic = {};
+  ASSERT_EQ(kernel_.task_info(port, basic), kKernelInvalidArgument);
+  RegionTopInfo region = {};
+  std::uint64_t address = 0;
+  EXPECT_EQ(kernel_.mach_vm_region(port, address, address, region), kKernelInvalidArgument);
+  EXPECT_FALSE(kernel_.notesOn(42)->regions_are_known) << "it has gone meanwhile";
+}
+
+TEST_F(LinuxKernelTest, TheOwnTaskIsTheOneThatTheFolderTells) {
+  writeProcess(getpid(), {});  // a stranger with the same number in another namespace
+  std::int32_t pid = 0;
+  EXPECT_EQ(kernel_.pid_for_task(kernel_.mach_task_self(), pid), kKernelInvalidArgument);
+  std::filesystem::create_symlink("42", tree_.at("self"));
+  EXPECT_EQ(kernel_.pid_for_task(kernel_.mach_task_self(), pid), kKernelSuccess);
+  EXPECT_EQ(pid, 42);
+}
+
+TEST_F(LinuxKernelTest, AnIdleCountThatFallsIsHeld) {
+  for (const auto& [idle, shown] :
+       {std::pair{"4294967290", 4294967295U}, {"4294967200", 4294967295U}, {"4294967296", 5U}}) {
+    tree_.write("stat", "cpu  1 2 3 " + std::string(idle) + " 5 6 7\n");
+    CpuTicks ticks = {};
+    ASSERT_EQ(kernel_.host_statistics(kernel_.mach_host_self(), ticks), kKernelSuccess);
+    EXPECT_EQ(ticks.idle, shown) << idle;
+  }
 }
 
 TEST_F(LinuxKernelTest, AnOnlyThreadsScheduleIsReadAgainOnceItHasRun) {
@@ -294,7 +362,7 @@ TEST_F(LinuxKernelTest, TheWholeSystemIsShownInPagesAndBytes) {
   tree_.write("meminfo",
               "MemTotal: 4000 kB\nMemFree: 1000 kB\nActive: 600 kB\nInactive: 400 kB\nSwapTotal: 0 kB\n"
               "SwapFree: 0 kB\n");
-  tree_.write("vmstat", "pgpgin 80\npgpgout 160\npgactivate 3\npgfault 5\n");
+  tree_.write("vmstat", "pgpgin 80\npgpgout 160\n");
   std::uint64_t page_size = 0;
   ASSERT_EQ(kernel_.host_page_size(kernel_.mach_host_self(), page_size), kKernelSuccess);
   const std::uint64_t page_kib = page_size / 1024;
@@ -325,6 +393,43 @@ TEST_F(LinuxKernelTest, AnInterfaceListThatDoesNotFitFails) {
   --length;
   EXPECT_EQ(kernel_.sysctl(name, list.data(), length), -1);
   EXPECT_EQ(errno, ENOMEM);
+}
+
+// The process's own files then tell of no memory, no descriptors and no executable; those of its threads do.
+TEST(LiveProcessTest, AProcessOutlivesItsFirstThread) {
+  const pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    std::thread([] { pause(); }).detach();
+    syscall(SYS_exit, 0);  // this thread alone
+  }
+  std::string stat;
+  while (stat.find(") Z") == stat.npos) {
+    std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), stat);
+  }
+  LinuxKernel kernel("/proc");
+  char name[16] = {};
+  PortName task = 0;
+  TaskResidentSize report = {};
+  TaskExtmodInfo id = {};
+  ProcTaskAllInfo all = {};
+  kernel.proc_name(pid, name, sizeof name);
+  kernel.proc_pidinfo(pid, all);
+  ASSERT_EQ(kernel.task_for_pid(kernel.mach_task_self(), pid, task), kKernelSuccess);
+  EXPECT_EQ(kernel.task_info(task, report), kKernelSuccess);
+  EXPECT_EQ(kernel.task_info(task, id), kKernelSuccess);
+  EXPECT_GT(report.resident_size, 100'000U);
+  EXPECT_NE(id.task_uuid, BuildId{});
+  // The executable is no shared library, which would be shown elsewhere.
+  const auto code = reinterpret_cast<std::uint64_t>(&parseProcessStat);
+  RegionTopInfo region = {};
+  std::uint64_t address = code;
+  std::uint64_t size = 0;
+  EXPECT_EQ(kernel.mach_vm_region(task, address, size, region), kKernelSuccess);
+  EXPECT_LE(address, code);
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
 }
 
 }  // namespace

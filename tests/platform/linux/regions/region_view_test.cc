@@ -62,11 +62,11 @@ TEST(RegionViewTest, LibrariesFillTheRangeAndAllElseKeepsOut) {
       at(0x402000, 1, 3, kProgram, 1),
       at(0x600000, 0x8FE01, 5, kOtherLibrary, 1),  // first come, but a page larger than the range
       at(0x7F0000000000, 1, 1, kLibrary, 0, 1),
-      at(0x7F0000001000, 2, 5, kLibrary, 2),
+      at(0x7F0000001000, 2, 5, kLibrary, 1, 1),
       at(0x7F0000003000, 1, 3),
       at(0x7F0000010000, 1, 1, kData, 1),
       at(0x7FFF6FFFF000, 1, 3, {}, 1),  // ends where the range begins
-      at(0x7FFF70000000, 1, 3, kLibrary),
+      at(0x7FFF70000000, 1, 3, kLibrary, 1),
       at(0x7FFF70001000, 4, 3, {}, 4),
       at(0x7FFFFFDFF000, 2, 3, {}, 1, 1),  // reaches beyond the range
       at(0x7FFFFFE01000, 1, 3, {}, 1),
@@ -80,8 +80,9 @@ TEST(RegionViewTest, LibrariesFillTheRangeAndAllElseKeepsOut) {
             "7f0000010000+1000 mode 2 of 1, 1+0\n"
             "7fff6ffff000+1000 mode 2 of 1, 1+0\n"
             "7fff70000000+1000 mode 1 of 2, 0+1\n"
-            "7fff70001000+2000 mode 1 of 2, 2+0\n"
-            "7fff70003000+1000 mode 1 of 2, 0+0\n"
+            "7fff70001000+1000 mode 2 of 1, 1+0\n"
+            "7fff70002000+1000 mode 1 of 2, 0+1\n"
+            "7fff70003000+1000 mode 2 of 1, 1+0\n"
             "7fffffe01000+1000 mode 2 of 1, 1+0\n"
             "10007fff70001000+4000 mode 2 of 1, 4+0\n"
             "10007fffffdff000+2000 mode 1 of 2, 1+1\n");

@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <algorithm>
+#include <functional>
+#include <string>
 
 #include "platform/fake/fake_host.h"
 #include "platform/linux/state/schema.h"
 #include "platform/linux/state/state_reader.h"
 #include "platform/linux/state/state_services.h"
+#include "platform/snapshot_keys.h"
 #include "tests/temporary_folder.h"
 
 namespace volorn::linux_host {
@@ -31,7 +33,8 @@ struct DaemonState {
   StateDirectory directory;
   StateFile state_file;
   LinuxPreferencesStore preferences{state_file};
-  LinuxMetricStore metrics{state_file, host.clock};
+  StandIns stand_ins;
+  LinuxMetricStore metrics{state_file, host.clock, stand_ins};
   LinuxWaketide waketide{state_file};
 };
 
@@ -46,10 +49,11 @@ Database openByHand(const TemporaryFolder& folder) {
   return Database((folder / kStateFileName).string(), Database::Access::kReadWrite, 0);
 }
 
-mode_t modeOf(const fs::path& path) {
-  struct stat status = {};
-  EXPECT_EQ(stat(path.c_str(), &status), 0) << path;
-  return status.st_mode & 07777;
+std::string identityOf(const TemporaryFolder& folder) {
+  Database database = openByHand(folder);
+  Statement select = database.prepare("SELECT identity FROM file");
+  EXPECT_TRUE(select.step());
+  return select.text(0);
 }
 
 TEST(StateFileTest, KeepsWhatARunSynchronised) {
@@ -101,15 +105,39 @@ TEST(StateFileTest, NothingOfAnEndedTransactionReachesTheNext) {
   EXPECT_EQ(openByHand(folder).integer("SELECT count(*) FROM snapshot"), 2);
 }
 
-TEST(StateFileTest, OwnerAndGroupAloneCanHoldUpAWriter) {
+TEST(StateFileTest, AFileOfTheFirstVersionIsReadAsItIsAndUpgradedByTheFirstWriter) {
   const TemporaryFolder folder;
-  const mode_t before = umask(022);
-  takeSnapshot((folder / "state").string(), 1000, 1);
-  umask(before);
-  EXPECT_EQ(modeOf(folder / "state"), 0755U);
-  EXPECT_EQ(modeOf(folder / "state/volorn.lock"), 0600U);
-  EXPECT_EQ(modeOf(folder / "state/volorn.db"), 0640U);
-  EXPECT_EQ(modeOf(folder / "state/volorn.db-journal"), 0640U);
+  using Keys = std::vector<std::string>;
+  const auto run = [&](std::vector<std::pair<std::string_view, std::int64_t>> metrics) {
+    DaemonState state(folder.path());
+    state.stand_ins.note(snapshot_key::kBacklight, false);
+    for (const auto& [key, value] : metrics) state.metrics.setScalarValue(key, value);
+    state.preferences.synchronise(kDomain);
+    EXPECT_EQ(state.log(), Keys{});
+  };
+  using namespace snapshot_key;
+  run({{kStandby, -100}, {kFullyChargedOnce, 0}, {kCharged, -10000}, {kBacklight, 0}});
+  run({{kUsage, 0}, {kFullyChargedOnce, 0}, {kCharged, 0}, {kPluggedIn, 0}});
+  openByHand(folder).execute(
+      "DROP TABLE usage_books; DROP TABLE file; DROP TABLE stand_in; PRAGMA user_version = 1");
+  DaemonState(folder.path()).preferences.copyValue(kDomain, "value");  // writes nothing
+  const auto unknown = [&] {
+    std::vector<Keys> all;
+    for (const StoredSnapshot& snapshot : StateReader(folder.path()).newestSnapshots(3)) {
+      all.push_back(snapshot.unknown);
+    }
+    return all;
+  };
+  const Keys failed = {std::string(kStandby), std::string(kFullyChargedOnce), std::string(kCharged)};
+  EXPECT_EQ(unknown(), (std::vector<Keys>{failed, {}}));
+  EXPECT_EQ(openByHand(folder).integer("PRAGMA user_version"), 1);
+  // From now on a negative value is one like any other.
+  run({{kBacklight, 0}, {kStandby, -100}, {kFullyChargedOnce, 0}});
+  EXPECT_EQ(unknown(), (std::vector<Keys>{failed, {}, {std::string(kBacklight)}}));
+  const std::string identity = identityOf(folder);
+  run({});
+  run({{kBacklight, 0}});
+  EXPECT_EQ(identityOf(folder), identity);
 }
 
 TEST(StateFileTest, KeepsTheNewestFourThousandSnapshots) {
@@ -118,87 +146,112 @@ TEST(StateFileTest, KeepsTheNewestFourThousandSnapshots) {
   openByHand(folder).execute(
       "WITH RECURSIVE n(i) AS (VALUES (2) UNION ALL SELECT i + 1 FROM n WHERE i < 4000)"
       "INSERT INTO snapshot SELECT i, i FROM n;"
-      "INSERT INTO metric SELECT id, 1, 1, id FROM snapshot WHERE id > 1");
+      "INSERT INTO metric SELECT id, 1, 1, id FROM snapshot WHERE id > 1;"
+      "INSERT INTO stand_in SELECT id, 1 FROM snapshot");
   takeSnapshot(folder.path(), 2000, 4001);
   Database database = openByHand(folder);
   EXPECT_EQ(database.integer("SELECT count(*) FROM snapshot"), 4000);
-  EXPECT_EQ(database.integer("SELECT min(id) FROM snapshot"), 2);
-  EXPECT_EQ(database.integer("SELECT min(snapshot_id) FROM metric"), 2);
+  for (const char* oldest : {"SELECT min(id) FROM snapshot", "SELECT min(snapshot_id) FROM metric",
+                             "SELECT min(snapshot_id) FROM stand_in"}) {
+    EXPECT_EQ(database.integer(oldest), 2);
+  }
   EXPECT_EQ(StateReader(folder.path()).newestSnapshot()->metrics.at(0).second, 4001);
 }
 
-// Ways to spoil a good state file.
-struct Damage {
+using Change = std::function<void(const TemporaryFolder& folder)>;
+
+Change executes(std::string statements) {
+  return [=](const TemporaryFolder& folder) { openByHand(folder).execute(statements.c_str()); };
+}
+
+Change cutTo(std::uintmax_t bytes) {
+  return [=](const TemporaryFolder& folder) { fs::resize_file(folder / kStateFileName, bytes); };
+}
+
+// From this place on other bytes of this length, without any order.
+Change overwrites(std::size_t place, std::size_t bytes) {
+  return [=](const TemporaryFolder& folder) {
+    std::string content = folder.read(kStateFileName).substr(0, place);
+    std::uint32_t state = 1;
+    while (content.size() < place + bytes) {
+      content += static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
+    }
+    folder.write(kStateFileName, content);
+  };
+}
+
+Change puts(void (*make)(const fs::path& path), const char* in_place_of = kStateFileName) {
+  return [=](const TemporaryFolder& folder) {
+    fs::rename(folder / in_place_of, folder / "elsewhere");
+    make(folder / in_place_of);
+  };
+}
+
+void makeFolder(const fs::path& path) {
+  fs::create_directory(path);
+}
+
+const struct {
   const char* what;
-  void (*spoil)(const TemporaryFolder& folder);
-};
-
-const Damage kDamages[] = {
-    {"random bytes",
-     [](const TemporaryFolder& folder) {
-       std::string bytes(20000, '\0');
-       std::uint32_t state = 1;
-       for (char& byte : bytes) byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
-       folder.write(kStateFileName, bytes);
-     }},
-    {"cut within the header",
-     [](const TemporaryFolder& folder) { fs::resize_file(folder / kStateFileName, 50); }},
-    {"cut to one byte", [](const TemporaryFolder& folder) { fs::resize_file(folder / kStateFileName, 1); }},
-    {"cut within a page",
-     [](const TemporaryFolder& folder) { fs::resize_file(folder / kStateFileName, 9000); }},
-    {"another program's database",
-     [](const TemporaryFolder& folder) { openByHand(folder).execute("PRAGMA application_id = 1"); }},
-    {"a schema older than any of ours",
-     [](const TemporaryFolder& folder) { openByHand(folder).execute("PRAGMA user_version = 0"); }},
-    {"a table gone",
-     [](const TemporaryFolder& folder) { openByHand(folder).execute("DROP TABLE preference"); }},
+  Change change;
+  const char* log_part = nullptr;  // none: it is damage
+} kChanges[] = {
+    {"random bytes", overwrites(0, 20000)},
+    {"pages overwritten", overwrites(4096, 40000)},
+    {"cut within the header", cutTo(50)},
+    {"cut to one byte", cutTo(1)},
+    {"cut within a page", cutTo(9000)},
+    {"another program's database", executes("PRAGMA application_id = 1")},
+    {"a schema older than any of ours", executes("PRAGMA user_version = 0")},
+    {"a table gone", executes("DROP TABLE preference")},
     {"a table with other columns",
-     [](const TemporaryFolder& folder) {
-       openByHand(folder).execute("DROP TABLE metric_key; CREATE TABLE metric_key (number INTEGER)");
-     }},
-    {"pages overwritten",
-     [](const TemporaryFolder& folder) {
-       std::string bytes = folder.read(kStateFileName);
-       std::fill(bytes.begin() + 4096, bytes.end(), '\xA5');
-       folder.write(kStateFileName, bytes);
-     }},
+     executes("DROP TABLE metric_key; CREATE TABLE metric_key (number INTEGER)")},
+
+    {"newer schema", executes("PRAGMA user_version = " + std::to_string(kSchemaVersion + 1)),
+     "newer program"},
+    {"folder", puts(makeFolder), "not a regular file"},
+    {"link", puts([](const auto& path) { fs::create_symlink("elsewhere", path); }), "not a regular file"},
+    {"FIFO", puts([](const auto& path) { mkfifo(path.c_str(), 0600); }), "not a regular file"},
+    {"folder in place of the lock", puts(makeFolder, "volorn.lock"), "volorn.lock"},
+    {"folder in place of the journal", puts(makeFolder, "volorn.db-journal"), "disk I/O error"},
 };
 
-TEST(StateFileTest, ADamagedFileIsSetAsideWhole) {
-  for (const auto& [what, spoil] : kDamages) {
+// Damage is thrown, and the file set aside whole; any other loss is told once. Neither destroys anything.
+TEST(StateFileTest, AFileThatCannotBeUsedIsKept) {
+  for (const auto& [what, change, log_part] : kChanges) {
     SCOPED_TRACE(what);
     const TemporaryFolder folder;
     takeSnapshot(folder.path(), 1000, 1);
-    spoil(folder);
-    const std::string spoilt = folder.read(kStateFileName);
+    const std::string identity = identityOf(folder);
+    change(folder);
+    const std::string before = folder.read(kStateFileName);
     const std::string journal = folder.read("volorn.db-journal");
     {
       DaemonState run(folder.path(), 2000);
       const auto use = [&] {
         run.preferences.copyValue(kDomain, "value");
+        run.preferences.setValue(kDomain, "value", std::int64_t{2});
         run.metrics.setScalarValue("key", 2);
         run.preferences.synchronise(kDomain);
       };
+      if (log_part) {
+        use();
+        ASSERT_EQ(run.log().size(), 1U);
+        EXPECT_NE(run.log()[0].find(log_part), std::string::npos) << run.log()[0];
+        EXPECT_EQ(folder.read(kStateFileName), before);
+        continue;
+      }
       EXPECT_THROW(use(), StateFileDamaged);
+      folder.write("volorn.db.damaged-20010101T000000Z", "of another day");
       run.directory.setStateFileAside(Date::fromSecondsSinceReferenceDate(0));
     }
-    EXPECT_EQ(folder.read("volorn.db.damaged-20010101T000000Z"), spoilt);
-    EXPECT_EQ(folder.read("volorn.db.damaged-20010101T000000Z-journal"), journal);
+    EXPECT_EQ(folder.read("volorn.db.damaged-20010101T000000Z"), "of another day");
+    EXPECT_EQ(folder.read("volorn.db.damaged-20010101T000000Z-2"), before);
+    EXPECT_EQ(folder.read("volorn.db.damaged-20010101T000000Z-2-journal"), journal);
     takeSnapshot(folder.path(), 2000, 2);
     EXPECT_EQ(StateReader(folder.path()).newestSnapshot()->metrics.at(0).second, 2);
+    EXPECT_NE(identityOf(folder), identity);
   }
-}
-
-TEST(StateFileTest, NothingSetAsideIsReplaced) {
-  const TemporaryFolder folder;
-  for (const char* content : {"first file of no database", "second file of no database"}) {
-    folder.write(kStateFileName, content);
-    DaemonState run(folder.path());
-    EXPECT_THROW(run.preferences.copyValue(kDomain, "value"), StateFileDamaged);
-    run.directory.setStateFileAside(Date::fromSecondsSinceReferenceDate(0));
-  }
-  EXPECT_EQ(folder.read("volorn.db.damaged-20010101T000000Z"), "first file of no database");
-  EXPECT_EQ(folder.read("volorn.db.damaged-20010101T000000Z-2"), "second file of no database");
 }
 
 // A page that no statement of a run meets is damaged without being noticed until it is looked for.
@@ -214,67 +267,6 @@ TEST(StateFileTest, LooksForHiddenDamageEveryThirtyDays) {
   for (const double now : {30 * kDay, -1.0 /* the clock went back */}) {
     DaemonState run(folder.path(), now);
     EXPECT_THROW(run.preferences.copyValue(kDomain, "value"), StateFileDamaged) << now;
-  }
-}
-
-// Circumstances under which a run keeps nothing, and what its log says of them.
-struct Loss {
-  const char* what;
-  void (*prepare)(const TemporaryFolder& folder);
-  const char* log_part;
-};
-
-const Loss kLosses[] = {
-    {"newer schema",
-     [](const TemporaryFolder& folder) { openByHand(folder).execute("PRAGMA user_version = 2"); },
-     "newer program"},
-    {"folder in place of the file",
-     [](const TemporaryFolder& folder) {
-       fs::remove(folder / kStateFileName);
-       fs::create_directory(folder / kStateFileName);
-     },
-     "not a regular file"},
-    {"link in place of the file",
-     [](const TemporaryFolder& folder) {
-       fs::rename(folder / kStateFileName, folder / "elsewhere");
-       fs::create_symlink("elsewhere", folder / kStateFileName);
-     },
-     "not a regular file"},
-    {"FIFO in place of the file",
-     [](const TemporaryFolder& folder) {
-       fs::remove(folder / kStateFileName);
-       mkfifo((folder / kStateFileName).c_str(), 0600);
-     },
-     "not a regular file"},
-    {"folder in place of the lock",
-     [](const TemporaryFolder& folder) {
-       fs::remove(folder / "volorn.lock");
-       fs::create_directory(folder / "volorn.lock");
-     },
-     "volorn.lock"},
-    {"folder in place of the journal",
-     [](const TemporaryFolder& folder) {
-       fs::remove(folder / "volorn.db-journal");
-       fs::create_directory(folder / "volorn.db-journal");
-     },
-     "disk I/O error"},
-};
-
-TEST(StateFileTest, ALossIsToldOnceAndDestroysNothing) {
-  for (const auto& [what, prepare, log_part] : kLosses) {
-    SCOPED_TRACE(what);
-    const TemporaryFolder folder;
-    takeSnapshot(folder.path(), 1000, 1);
-    prepare(folder);
-    const std::string before = folder.read(kStateFileName);
-    DaemonState run(folder.path());
-    run.preferences.copyValue(kDomain, "value");
-    run.preferences.setValue(kDomain, "value", std::int64_t{2});
-    run.metrics.setScalarValue("key", 2);
-    run.preferences.synchronise(kDomain);
-    ASSERT_EQ(run.log().size(), 1U);
-    EXPECT_NE(run.log()[0].find(log_part), std::string::npos) << run.log()[0];
-    EXPECT_EQ(folder.read(kStateFileName), before);
   }
 }
 

@@ -1,0 +1,16 @@
+#pragma once
+
+#include <string>
+
+#include "platform/linux/usage_books.h"
+
+namespace volorn::linux_host {
+
+// What this machine shows now, by the roots of /proc and /sys. Whether it is the last mark, and whether some
+// were lost, is the caller's to tell.
+UsageMark readUsageMark(const std::string& proc_root, const std::string& sys_root);
+
+// How long the machine has slept since it was started.
+std::int64_t readSleepNs();
+
+}  // namespace volorn::linux_host

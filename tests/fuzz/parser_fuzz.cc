@@ -1,0 +1,162 @@
+// The promises of each parser, and of what reads an executable by them. Each is a fuzzer of its own, which is
+// told by VOLORN_FUZZED which of them it tries.
+#include <elf.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+
+#include "platform/linux/devices/parse_block_stat.h"
+#include "platform/linux/file_descriptor.h"
+#include "platform/linux/kernel/executable.h"
+#include "platform/linux/kernel/parse_auxv.h"
+#include "platform/linux/kernel/parse_elf.h"
+#include "platform/linux/kernel/parse_mountinfo.h"
+#include "platform/linux/kernel/parse_net_dev.h"
+#include "platform/linux/kernel/parse_process_stat.h"
+#include "platform/linux/kernel/parse_process_statm.h"
+#include "platform/linux/kernel/parse_process_status.h"
+#include "platform/linux/kernel/parse_schedule.h"
+#include "platform/linux/kernel/parse_system_stat.h"
+#include "platform/linux/kernel/parse_vmstat.h"
+#include "platform/linux/parse_meminfo.h"
+#include "platform/linux/parse_number.h"
+#include "platform/linux/regions/parse_smaps.h"
+#include "tests/fuzz/fuzz.h"
+
+namespace volorn::linux_host {
+namespace {
+
+struct Promises {
+  static bool has(std::string_view text, std::string_view part) { return text.find(part) != text.npos; }
+  static bool hasDigit(std::string_view text) { return text.find_first_of("0123456789") != text.npos; }
+
+  // A file of any bytes behind the first six, which would be found too seldom.
+  static void executable(std::string_view text) {
+    if (text.size() < EI_NIDENT) return;
+    std::string bytes(text);
+    bytes.replace(0, SELFMAG, ELFMAG);
+    bytes[EI_CLASS] = text[EI_CLASS] % 2 == 0 ? ELFCLASS64 : ELFCLASS32;
+    bytes[EI_DATA] = text[EI_DATA] % 2 == 0 ? ELFDATA2LSB : ELFDATA2MSB;
+    const FileDescriptor file(memfd_create("executable", MFD_CLOEXEC));
+    require(write(file.get(), bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()));
+    require(!readBuildId(file.get()) || has(bytes, "GNU"));
+  }
+
+  static void parse_auxv(std::string_view text) {
+    const std::uint32_t own_type = processorTypeOf({"\x21\0\0\0\0\0\0\0", 8});
+    const std::uint32_t type_of_32_bits = processorTypeOf({"\x20\0\0\0\0\xd0\xff\xf7", 8});
+    const std::uint32_t type = processorTypeOf(text);
+    require(type == 0 || (text.size() >= 8 && (type == own_type || type == type_of_32_bits)));
+  }
+
+  static void parse_block_stat(std::string_view text) {
+    const auto stat = parseBlockStat(text);
+    require(!stat || (stat->read_bytes % 512 == 0 && stat->written_bytes % 512 == 0 && hasDigit(text)));
+  }
+
+  static void parse_elf(std::string_view text) {
+    const auto header = parseElfHeader(text.substr(0, ElfHeader::kMostBytes));
+    if (header)
+      parseElfSegment(text.substr(std::min<std::size_t>(text.size(), header->segments_offset)), *header);
+    for (const std::uint64_t alignment : {4U, 8U}) {
+      for (const bool is_swapped : {false, true}) {
+        const ElfSegment notes = {
+            .is_notes = true, .offset = 0, .size_bytes = text.size(), .alignment = alignment};
+        ElfHeader file;
+        file.is_swapped = is_swapped;
+        require(!findBuildId(text, notes, file) || has(text, "GNU"));
+      }
+    }
+  }
+
+  // Whatever stands before it, a field on a line of its own is found.
+  static void parse_meminfo(std::string_view bytes) {
+    const std::string text = "MemTotal: 7 kB\n" + std::string(bytes) + "\nMemAvailable: 5 kB\n";
+    const MemoryInfo info = parseMemoryInfo(text);
+    require(info.available_kib.has_value());
+    const bool repeated = has(bytes, "MemTotal") || has(bytes, "MemAvailable");
+    require(repeated || (info.total_kib == 7U && info.available_kib == 5U));
+  }
+
+  static void parse_mountinfo(std::string_view text) {
+    const auto mounted = parseMount(text);
+    require(!mounted || (!mounted->type.empty() && !has(mounted->type, " ")));
+  }
+
+  static void parse_net_dev(std::string_view text) {
+    const auto links = parseNetDev(text);
+    require(!links || links->size() <= static_cast<std::size_t>(std::count(text.begin(), text.end(), ':')));
+  }
+
+  static void parse_number(std::string_view text) {
+    const auto number = parseInteger(text);
+    if (!number) return;
+    require(parseInteger(std::to_string(*number) + "\n") == number);
+    require(text.find_first_not_of("+-0123456789 \t\r\n") == text.npos);
+  }
+
+  // Whatever a process calls itself, its figures stand behind.
+  static void parse_process_stat(std::string_view text) {
+    parseProcessStat(text);
+    const auto stat = parseProcessStat("5 (" + std::string(text) +
+                                       ") S 1 2 3 0 -1 64 10 0 3 0 7 8 0 0 20 0 1 0 1000 4096 1 99 5 2 3 0 0 "
+                                       "0 0 0 0 0 0 0 17 1 0\n");
+    require(stat.has_value() && stat->state == 'S' && stat->start_ticks == 1000 && stat->processor == 1);
+    require(stat->name() == text.substr(0, ProcessStat::kNameCapacityBytes));
+  }
+
+  static void parse_process_statm(std::string_view text) {
+    require(!parseResidentPages(text) || hasDigit(text));
+  }
+
+  static void parse_process_status(std::string_view text) {
+    const auto status = parseProcessStatus(text);
+    require(!status || (has(text, "Uid:") && (status->resident_bytes == 0 || has(text, "VmRSS:"))));
+  }
+
+  // No name that a process can have changes what is read.
+  static void parse_schedule(std::string_view text) {
+    parseSchedule(text);
+    const auto schedule = parseSchedule(std::string(text.substr(0, 15)) + " (1, #threads: 1)\n" +
+                                        std::string(67, '-') + "\nse.exec_start : 31.5\nnr_switches : 6\n");
+    require(schedule.has_value() && schedule->last_ran_ms == 31 && schedule->context_switches == 6);
+  }
+
+  // Wherever a piece ends, the next begins with what was left.
+  static void parse_smaps(std::string_view text) {
+    std::vector<Mapping> mappings;
+    const auto taken = parseSmaps(text, 4096, mappings);
+    for (const Mapping& mapping : mappings) require(mapping.start < mapping.end);
+    if (!taken) return;
+    require(*taken == text.rfind('\n') + 1);
+    std::vector<Mapping> same;
+    const auto first = parseSmaps(text.substr(0, text.size() / 2), 4096, same);
+    require(first.has_value());
+    const auto rest = parseSmaps(text.substr(*first), 4096, same);
+    require(rest.has_value() && *first + *rest == *taken);
+    require(std::ranges::equal(mappings, same, [](const Mapping& a, const Mapping& b) {
+      return a.start == b.start && a.private_pages == b.private_pages;
+    }));
+  }
+
+  static void parse_system_stat(std::string_view text) {
+    parseSystemTicks(text);
+    const auto ticks = parseSystemTicks("cpu  1 2 3 4 5 6 7\n" + std::string(text));
+    require(ticks.has_value() && ticks->user == 1);
+  }
+
+  static void parse_vmstat(std::string_view text) {
+    const auto counters = parseVmCounters(text);
+    require(!counters || counters->faults == 0 || has(text, "pgfault"));
+  }
+};
+
+}  // namespace
+}  // namespace volorn::linux_host
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  volorn::linux_host::Promises::VOLORN_FUZZED(volorn::textOf(data, size));
+  return 0;
+}
