@@ -32,9 +32,10 @@ class HostBindings {
   explicit HostBindings(const std::string& proc_root = "/proc", const std::string& sys_root = "/sys",
                         LinuxKernel::SystemInfoCall system_info = ::sysinfo)
       : kernel_(proc_root, RegionSource::best, system_info, &stand_ins_),
-        battery_usage_(proc_root, sys_root, stand_ins_),
-        device_registry_(sys_root, &stand_ins_),
-        state_notifier_(sys_root, stand_ins_),
+        supplies_(sys_root),
+        battery_usage_(proc_root, supplies_, stand_ins_),
+        device_registry_(sys_root, supplies_, &stand_ins_),
+        state_notifier_(supplies_, stand_ins_),
         thermal_(sys_root, stand_ins_) {}
 
   // A whole platform. It refers to these bindings and to what is given, `kernel` in place of the one here.
@@ -67,6 +68,7 @@ class HostBindings {
   LinuxUptime uptime_;
   LinuxLocalCalendar local_calendar_;
   LinuxKernel kernel_;
+  SupplyReadings supplies_;
   LinuxBatteryUsage battery_usage_;
   LinuxDeviceRegistry device_registry_;
   LinuxStateNotifier state_notifier_;

@@ -25,7 +25,7 @@ void LinuxBatteryUsage::BatteryUsageTimes(std::uint32_t /*port*/, float& usage_s
   std::optional<UsageSums> sums;
   // The machine is asked nothing where its answer would not matter.
   if (books && books->sums && !NoteFile::tellsOfLoss(state_file_->directory().open())) {
-    sums = sumsNow(*books, readUsageMark(proc_root_, sys_root_));
+    sums = sumsNow(*books, readUsageMark(proc_root_, supplies_.readFor(kUsage)));
   }
   for (const auto key : {kUsage, kStandby, kFullyChargedOnce}) stand_ins_.note(key, sums.has_value());
   if (!sums) return;

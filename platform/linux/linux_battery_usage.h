@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/battery_usage.h"
+#include "platform/linux/devices/read_power_supply.h"
 #include "platform/linux/stand_ins.h"
 #include "platform/linux/state/state_file.h"
 
@@ -14,8 +15,8 @@ namespace volorn::linux_host {
 class LinuxBatteryUsage : public BatteryUsage {
  public:
   // Until books are given every query fails.
-  LinuxBatteryUsage(std::string proc_root, std::string sys_root, StandIns& stand_ins)
-      : proc_root_(std::move(proc_root)), sys_root_(std::move(sys_root)), stand_ins_(stand_ins) {}
+  LinuxBatteryUsage(std::string proc_root, SupplyReadings& supplies, StandIns& stand_ins)
+      : proc_root_(std::move(proc_root)), supplies_(supplies), stand_ins_(stand_ins) {}
 
   // Where the books are; null for none.
   void setBooks(StateFile* state_file) { state_file_ = state_file; }
@@ -28,7 +29,7 @@ class LinuxBatteryUsage : public BatteryUsage {
 
  private:
   std::string proc_root_;
-  std::string sys_root_;
+  SupplyReadings& supplies_;
   StandIns& stand_ins_;
   StateFile* state_file_ = nullptr;
 };

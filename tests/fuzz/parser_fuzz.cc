@@ -23,6 +23,7 @@
 #include "platform/linux/parse_meminfo.h"
 #include "platform/linux/parse_number.h"
 #include "platform/linux/regions/parse_smaps.h"
+#include "platform/linux/usage_books.h"
 #include "tests/fuzz/fuzz.h"
 
 namespace volorn::linux_host {
@@ -150,6 +151,23 @@ struct Promises {
   static void parse_vmstat(std::string_view text) {
     const auto counters = parseVmCounters(text);
     require(!counters || counters->faults == 0 || has(text, "pgfault"));
+  }
+
+  // Whatever stands in them, their sums grow by no more than the time that passed.
+  static void usage_books(std::string_view text) {
+    const auto books = parseUsageBooks(text);
+    if (!books) return;
+    require(parseUsageBooks(textOf(*books)) == books);
+    const UsageMark mark{.boot_id = books->boot_id,
+                         .monotonic_ns = 1LL << 59,
+                         .boottime_ns = 1LL << 60,
+                         .plugged_in = books->plugged_in};
+    const auto [usage_ns, standby_ns] = books->sums.value_or(UsageSums{});
+    const auto sums = withMark(books, mark).sums.value_or(UsageSums{usage_ns, standby_ns});
+    require(sums.usage_ns >= usage_ns && sums.standby_ns >= standby_ns);
+    const std::int64_t passed_ns =
+        std::max(mark.boottime_ns - books->boottime_ns, mark.monotonic_ns - books->monotonic_ns);
+    require(sums.usage_ns - usage_ns + sums.standby_ns - standby_ns <= passed_ns);
   }
 };
 

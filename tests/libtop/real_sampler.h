@@ -47,7 +47,8 @@ class RealSampler {
  private:
   fake::FakeHost host_;
   linux_host::LinuxKernel kernel_;
-  linux_host::LinuxDeviceRegistry devices_{"/sys"};
+  linux_host::SupplyReadings supplies_{"/sys"};
+  linux_host::LinuxDeviceRegistry devices_{"/sys", supplies_};
   Services services_ = host_.servicesWith(kernel_, devices_);
   ScopedServices installed_{services_};
 };

@@ -229,6 +229,21 @@ def readState(file=FILE):
     return state
 
 
+Books = collections.namedtuple(
+    "Books", "monotonic boottime plugged_in is_last fully_charged_once usage standby"
+)
+
+
+def books():
+    """The newest mark's numbers, times in nanoseconds and -1 for none; None before the first mark."""
+    try:
+        with opened() as database:
+            row = database.execute("SELECT books FROM usage_books").fetchone()
+    except sqlite3.Error:
+        return None
+    return Books(*map(int, row[0].split()[:7])) if row else None
+
+
 def readCopy(files):
     """What everyone sees who opens these files, which stay as they are for the next start to mend."""
     with tempfile.TemporaryDirectory(dir=LIB) as copy:

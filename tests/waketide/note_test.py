@@ -88,14 +88,6 @@ class Machine:
         return [hundredths / 100 for hundredths in sums]
 
 
-def books():
-    """Plugged in, usage and standby of the newest mark; -1 for unknown."""
-    with host.opened() as database:
-        (text,) = database.execute("SELECT books FROM usage_books").fetchone()
-    numbers = [int(number) for number in text.split()[:7]]
-    return numbers[2], *numbers[5:]
-
-
 class NoteTest(host.Test):
     def setUp(self):
         super().setUp()
@@ -188,7 +180,7 @@ class NoteTest(host.Test):
         """The mark is kept whole or lost whole, and then the next one knows."""
         self.begin(asleep=0)
         self.machine.plug(True)
-        before, files = books(), host.save()
+        before, files = host.books(), host.save()
         host.run(*host.traced(NOTE))
         calls = [call for call in host.tracedCalls() if call[0] not in ("execve", "exit_group")]
         self.assertGreater(len(calls), 100, "a trace of a whole mark")
@@ -199,12 +191,12 @@ class NoteTest(host.Test):
                 if not host.killedAt(NOTE, *call):
                     continue
                 due = (host.STATE / "volorn.note").stat().st_size > 0
-                kept = books()
-                is_kept = kept[0] == 1
-                self.assertTrue(kept[1] >= before[1] if is_kept else kept == before, kept)
+                kept = host.books()
+                is_kept = kept.plugged_in == 1
+                self.assertTrue(kept.usage >= before.usage if is_kept else kept == before, kept)
                 seen.add((due, is_kept))
                 self.machine.note()
-                self.assertEqual(books()[1] == -1, due)
+                self.assertEqual(host.books().usage == -1, due)
         # Before it was due, lost, kept but not told so, and done.
         self.assertEqual(seen, {(due, is_kept) for due in (False, True) for is_kept in (False, True)})
 

@@ -4,7 +4,6 @@
 
 #include "platform/linux/devices/backlight.h"
 #include "platform/linux/devices/block_storage.h"
-#include "platform/linux/devices/read_power_supply.h"
 #include "platform/snapshot_keys.h"
 
 namespace volorn::linux_host {
@@ -47,7 +46,7 @@ ServiceHandle LinuxDeviceRegistry::nameDisk(const std::string& disk) {
 
 ServiceHandle LinuxDeviceRegistry::findServiceOfClass(std::string_view service_class) {
   if (service_class != kPowerSourceServiceClass) return 0;
-  std::optional<PropertyTable> properties = powerSourceProperties(readPowerSupplies(sys_root_));
+  auto properties = powerSourceProperties(supplies_.readFor(snapshot_key::kCharged));
   // What is left of a battery is no share without its capacity.
   note(snapshot_key::kCharged, properties && properties->find("MaxCapacity"));
   return keep(kPowerSource, std::move(properties));

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/device_registry.h"
+#include "platform/linux/devices/read_power_supply.h"
 #include "platform/linux/stand_ins.h"
 
 namespace volorn::linux_host {
@@ -16,8 +17,8 @@ namespace volorn::linux_host {
 class LinuxDeviceRegistry : public DeviceRegistry {
  public:
   // `stand_ins`: null where nobody asks which values stand in for a reading.
-  explicit LinuxDeviceRegistry(std::string sys_root, StandIns* stand_ins = nullptr)
-      : sys_root_(std::move(sys_root)), stand_ins_(stand_ins) {}
+  LinuxDeviceRegistry(std::string sys_root, SupplyReadings& supplies, StandIns* stand_ins = nullptr)
+      : sys_root_(std::move(sys_root)), supplies_(supplies), stand_ins_(stand_ins) {}
 
   // Finds the power source; 0 for another class.
   ServiceHandle findServiceOfClass(std::string_view service_class) override;
@@ -48,6 +49,7 @@ class LinuxDeviceRegistry : public DeviceRegistry {
   ServiceHandle nameDisk(const std::string& disk);
 
   std::string sys_root_;
+  SupplyReadings& supplies_;
   StandIns* stand_ins_;
   std::map<ServiceHandle, PropertyTable> found_;
   std::map<ServiceHandle, std::string> disks_;  // not released yet

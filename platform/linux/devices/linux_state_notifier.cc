@@ -3,7 +3,6 @@
 #include <array>
 #include <cerrno>
 
-#include "platform/linux/devices/read_power_supply.h"
 #include "platform/snapshot_keys.h"
 
 namespace volorn::linux_host {
@@ -35,7 +34,7 @@ std::uint32_t LinuxStateNotifier::registerCheck(std::string_view name, std::uint
 std::uint32_t LinuxStateNotifier::getState(std::uint32_t token, std::uint64_t& state) {
   if (token == 0 || token > kStates.size()) return EINVAL;
   const State& row = kStates[token - 1];
-  const auto [holds, is_known] = row.read(readPowerSupplies(sys_root_));
+  const auto [holds, is_known] = row.read(supplies_.readFor(row.key));
   stand_ins_.note(row.key, is_known);
   state = holds ? 1 : 0;
   return 0;

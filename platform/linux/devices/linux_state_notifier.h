@@ -1,18 +1,16 @@
 #pragma once
 
-#include <string>
-#include <utility>
-
+#include "platform/linux/devices/read_power_supply.h"
 #include "platform/linux/stand_ins.h"
 #include "platform/state_notifier.h"
 
 namespace volorn::linux_host {
 
-// The states of the system's power supplies, each worked out at the moment it is asked for.
+// The states of the system's power supplies, as of one reading of them until a state is asked for again.
 class LinuxStateNotifier : public StateNotifier {
  public:
-  LinuxStateNotifier(std::string sys_root, StandIns& stand_ins)
-      : sys_root_(std::move(sys_root)), stand_ins_(stand_ins) {}
+  LinuxStateNotifier(SupplyReadings& supplies, StandIns& stand_ins)
+      : supplies_(supplies), stand_ins_(stand_ins) {}
 
   // ENOENT for a name other than kPluggedInState and kFullyChargedState.
   std::uint32_t registerCheck(std::string_view name, std::uint32_t& token) override;
@@ -21,7 +19,7 @@ class LinuxStateNotifier : public StateNotifier {
   std::uint32_t getState(std::uint32_t token, std::uint64_t& state) override;
 
  private:
-  std::string sys_root_;
+  SupplyReadings& supplies_;
   StandIns& stand_ins_;
 };
 

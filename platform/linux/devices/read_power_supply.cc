@@ -1,5 +1,6 @@
 #include "platform/linux/devices/read_power_supply.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "platform/linux/devices/attribute_folder.h"
@@ -39,6 +40,15 @@ std::vector<PowerSupply> readPowerSupplies(const std::string& sys_root) {
     supplies.push_back(std::move(supply));
   }
   return supplies;
+}
+
+const std::vector<PowerSupply>& SupplyReadings::readFor(std::string_view key) {
+  if (answered_.empty() || std::ranges::find(answered_, key) != answered_.end()) {
+    newest_ = readPowerSupplies(sys_root_);
+    answered_.clear();
+  }
+  answered_.push_back(key);
+  return newest_;
 }
 
 }  // namespace volorn::linux_host

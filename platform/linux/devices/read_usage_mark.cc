@@ -36,9 +36,12 @@ std::int64_t readSleepNs() {
 }
 
 UsageMark readUsageMark(const std::string& proc_root, const std::string& sys_root) {
+  return readUsageMark(proc_root, readPowerSupplies(sys_root));
+}
+
+UsageMark readUsageMark(const std::string& proc_root, std::span<const PowerSupply> supplies) {
   constexpr std::size_t kBootIdLimitBytes = 64;
   UsageMark mark;
-  const auto supplies = readPowerSupplies(sys_root);
   if (const SupplyState plugged_in = pluggedIn(supplies); plugged_in.is_known) {
     mark.plugged_in = plugged_in.holds;
   }

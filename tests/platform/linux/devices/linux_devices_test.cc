@@ -21,7 +21,8 @@ TEST(LinuxDeviceRegistryTest, OnlyThePowerSourceHasAClassAndOnlyTheBacklightMatc
 class/power_supply/BAT0/type Battery
 class/power_supply/BAT0/charge_full 10
 )");
-  LinuxDeviceRegistry registry(tree.root());
+  SupplyReadings supplies(tree.root());
+  LinuxDeviceRegistry registry(tree.root(), supplies);
   const auto find = [&](const PropertyTable& properties) {
     return registry.findServiceMatching({{std::string(kPropertyMatchKey), PropertyValue{properties}}});
   };
@@ -56,7 +57,8 @@ TEST(LinuxDeviceRegistryTest, DisksAreWholeAndNoneCountsAnothersTraffic) {
     sys.write(std::string("block/") + name + "/stat", "0 0 0 0 0 0 0 0 0 0 0\n");
     std::filesystem::create_directory(sys.at(std::string("block/") + name + "/slaves"));
   }
-  LinuxDeviceRegistry registry(sys.root());
+  SupplyReadings supplies(sys.root());
+  LinuxDeviceRegistry registry(sys.root(), supplies);
   ASSERT_TRUE(registry.open());
   const auto disks = registry.findServices(kBlockStorageServiceClass);
   using Counters = std::array<std::int64_t, 4>;
@@ -81,10 +83,11 @@ TEST(LinuxDeviceRegistryTest, DisksAreWholeAndNoneCountsAnothersTraffic) {
   EXPECT_FALSE(registry.copyProperties(last, properties)) << "released";
 }
 
-TEST(LinuxStateNotifierTest, ATokenStandsForItsNameAndTheStateIsOfTheMoment) {
+TEST(LinuxStateNotifierTest, ATokenStandsForItsNameAndAStateAskedForAgainIsReadAgain) {
   const FixtureTree tree("class/power_supply/BAT0/type Battery\nclass/power_supply/BAT0/status Charging\n");
   StandIns stand_ins;
-  LinuxStateNotifier notifier(tree.root(), stand_ins);
+  SupplyReadings supplies(tree.root());
+  LinuxStateNotifier notifier(supplies, stand_ins);
   std::uint32_t plugged_in = 0, fully_charged = 0, other = 77;
   EXPECT_EQ(notifier.registerCheck(kPluggedInState, plugged_in), 0U);
   EXPECT_EQ(notifier.registerCheck(kFullyChargedState, fully_charged), 0U);
@@ -102,6 +105,8 @@ TEST(LinuxStateNotifierTest, ATokenStandsForItsNameAndTheStateIsOfTheMoment) {
   EXPECT_EQ(stateOf(fully_charged), 0U);
   tree.write("class/power_supply/BAT0/status", "Full\n");
   EXPECT_EQ(stateOf(fully_charged), 1U);
+  tree.write("class/power_supply/BAT0/status", "Discharging\n");
+  EXPECT_EQ(stateOf(plugged_in), 1U) << "of the moment at which the other one was";
   EXPECT_FALSE(stand_ins.contains(snapshot_key::kFullyCharged));
   tree.write("class/power_supply/BAT0/status", "Unknown\n");
   EXPECT_EQ(stateOf(fully_charged), 0U);
