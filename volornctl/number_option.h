@@ -40,4 +40,12 @@ inline std::string checkCount(const std::string& text) {
   return "not a whole number from 1 to " + most + ": " + text;
 }
 
+// The same of a time between samples.
+inline std::string checkInterval(const std::string& text) {
+  constexpr double kMostSeconds = 1e6;
+  const std::optional<double> seconds = numberOf<double>(text);
+  const bool is_good = seconds && *seconds > 0 && *seconds <= kMostSeconds;
+  return is_good ? "" : "not a number of seconds above 0 and up to a million: " + text;
+}
+
 }  // namespace volorn::ctl

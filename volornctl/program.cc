@@ -18,6 +18,7 @@
 #include "volornctl/live/memory.h"
 #include "volornctl/live/summary.h"
 #include "volornctl/live/top.h"
+#include "volornctl/recorded/replay.h"
 #include "volornctl/text/table.h"
 
 namespace volorn::ctl {
@@ -34,6 +35,7 @@ std::vector<std::unique_ptr<Command>> makeCommands() {
   commands.push_back(std::make_unique<SummaryCommand>());
   commands.push_back(std::make_unique<TopCommand>());
   commands.push_back(std::make_unique<MemoryCommand>());
+  if (std::unique_ptr<Command> record = makeRecordCommand()) commands.push_back(std::move(record));
   commands.push_back(std::make_unique<CompletionCommand>());
   return commands;
 }
@@ -62,6 +64,7 @@ int run(int argc, const char* const* argv, Surroundings& surroundings) {
   CLI::App program("Shows what volornd keeps, and what the machine does now.", "volornctl");
   program.set_version_flag("--version", "volornctl " VOLORN_VERSION);
   program.formatter(makeHelpFormatter());
+  if (!isRecordBuilt()) program.footer("Built without libzstd: nothing is recorded or replayed.");
   program.require_subcommand(0, 1);
   program.fallthrough();  // --state-dir may stand after the command too
   program.add_option("--state-dir", surroundings.state_directory, "Read the state file in this folder")

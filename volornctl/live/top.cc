@@ -21,14 +21,6 @@
 namespace volorn::ctl {
 namespace {
 
-constexpr double kMaxIntervalSeconds = 1e6;
-
-std::string checkInterval(const std::string& text) {
-  const std::optional<double> seconds = numberOf<double>(text);
-  const bool is_good = seconds && *seconds > 0 && *seconds <= kMaxIntervalSeconds;
-  return is_good ? "" : "not a number of seconds above 0 and up to a million: " + text;
-}
-
 void end(int /*signal*/) {
   _exit(0);
 }
@@ -63,7 +55,28 @@ CLI::App* TopCommand::addTo(CLI::App& program) {
       ->type_name("N")
       ->check(checkCount);
   command->add_flag("--json", json_, kJsonHelp);
+  if (isRecordBuilt()) addReplayOptions(*command);
   return command;
+}
+
+void TopCommand::addReplayOptions(CLI::App& command) {
+  const auto add = [&](const char* name, std::string& value, const char* help) {
+    CLI::Option* option = command.add_option(name, value, help);
+    return option;
+  };
+  replay_option_ =
+      add("--replay", replay_.path, "Show what volornctl record kept, in its usual file or another");
+  replay_option_->type_name("FILE")->expected(0, 1);
+  add("--at", replay_.at,
+      "Where the screen of a replay begins, 2026-11-23T04:05:06Z or 04:05; at the end unless told")
+      ->type_name("TIME")
+      ->needs(replay_option_);
+  add("--since", replay_.since, "From this time or day on, without a screen")
+      ->type_name("TIME")
+      ->needs(replay_option_);
+  add("--until", replay_.until, "To this time, or the end of this day")
+      ->type_name("TIME")
+      ->needs(replay_option_);
 }
 
 // Names every user of the sample's processes.
@@ -74,11 +87,19 @@ void TopCommand::nameUsers(const Sample& sample) {
   }
 }
 
-void TopCommand::print(const Surroundings& surroundings) {
+void TopCommand::print(const Surroundings& surroundings, const Sample& sample, bool is_first) {
+  if (!json_ || choice_.order == Column::kUser) nameUsers(sample);
+  const ProcessList processes = listProcesses(sample, choice_, names_);
+  std::string text = !is_first && !json_ ? "\n" : "";
+  text += json_ ? topJson(sample, processes)
+                : topBlock(sample, processes, names_, std::nullopt, surroundings.colour);
+  surroundings.output.write(text);
+}
+
+void TopCommand::follow(const Surroundings& surroundings) {
   using Clock = std::chrono::steady_clock;
   const auto interval =
       std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(interval_seconds_));
-  endAtInterrupt();
   LiveSampler sampler;
   Clock::time_point next = Clock::now();
   for (std::int64_t taken = 0; taken != count_; ++taken) {
@@ -87,12 +108,19 @@ void TopCommand::print(const Surroundings& surroundings) {
     const Sample sample = sampler.take();
     // The first takes longest, and what follows is to be over no less than an interval.
     if (taken == 0) next = Clock::now() + interval;
-    if (!json_ || choice_.order == Column::kUser) nameUsers(sample);
-    const ProcessList processes = listProcesses(sample, choice_, names_);
-    std::string text = taken > 0 && !json_ ? "\n" : "";
-    text += json_ ? topJson(sample, processes)
-                  : topBlock(sample, processes, names_, std::nullopt, surroundings.colour);
-    surroundings.output.write(text);
+    print(surroundings, sample, taken == 0);
+  }
+}
+
+void TopCommand::printRecord(const Surroundings& surroundings) {
+  std::int64_t shown = 0;
+  const std::size_t damaged = replay(replay_, [&](const Sample& sample) {
+    print(surroundings, sample, shown == 0);
+    return ++shown != count_;
+  });
+  if (damaged > 0) {
+    surroundings.errors.write("volornctl: the record is damaged: " + std::to_string(damaged) +
+                              " samples are left out\n");
   }
 }
 
@@ -109,11 +137,14 @@ bool TopCommand::show(const Surroundings& surroundings) {
 }
 
 void TopCommand::run(const Surroundings& surroundings) {
+  const bool is_replay = replay_option_ && replay_option_->count() > 0;
   const bool is_terminal = surroundings.output.isTerminal() && !json_;
   if (is_terminal && !CursesTerminal::isBuilt()) {
     surroundings.errors.write("volornctl: built without ncurses, so there is no screen: samples follow\n");
   }
-  if (!is_terminal || !show(surroundings)) print(surroundings);
+  if (is_terminal && show(surroundings)) return;
+  endAtInterrupt();
+  is_replay ? printRecord(surroundings) : follow(surroundings);
 }
 
 }  // namespace volorn::ctl

@@ -5,6 +5,7 @@
 
 #include "volornctl/command.h"
 #include "volornctl/live/process_list.h"
+#include "volornctl/recorded/replay.h"
 
 namespace volorn::ctl {
 
@@ -14,8 +15,11 @@ class TopCommand : public Command {
   void run(const Surroundings& surroundings) override;
 
  private:
+  void addReplayOptions(CLI::App& command);
   void nameUsers(const Sample& sample);
-  void print(const Surroundings& surroundings);
+  void print(const Surroundings& surroundings, const Sample& sample, bool is_first);
+  void follow(const Surroundings& surroundings);
+  void printRecord(const Surroundings& surroundings);
 
   // False where there is no screen to show anything on.
   bool show(const Surroundings& surroundings);
@@ -23,6 +27,8 @@ class TopCommand : public Command {
   double interval_seconds_ = 1;
   std::optional<std::int64_t> count_;
   ProcessChoice choice_;
+  CLI::Option* replay_option_ = nullptr;
+  ReplayChoice replay_;
   UserNames names_;
   bool json_ = false;
 };

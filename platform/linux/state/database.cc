@@ -5,9 +5,6 @@
 namespace volorn::linux_host {
 namespace {
 
-// A hundred times the longest text of ours.
-constexpr int kLongestValueBytes = 100'000;
-
 // Steps of SQLite's machine after which a statement is given up, tens of times as many as a check of a full
 // file takes: pages that refer to each other make a table without end.
 constexpr int kMostSteps = 10'000'000;
@@ -97,7 +94,7 @@ std::string Statement::text(int column) const {
   return bytes ? std::string(bytes, static_cast<std::size_t>(length_bytes)) : std::string();
 }
 
-Database::Database(const std::string& path, Access access, int busy_timeout_ms) {
+Database::Database(const std::string& path, Access access, int busy_timeout_ms, int most_value_bytes) {
   const int flags = access == Access::kReadOnly ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE;
   letSqliteSeeLateFiles();
   sqlite3* database = nullptr;
@@ -107,7 +104,7 @@ Database::Database(const std::string& path, Access access, int busy_timeout_ms) 
   checkDatabase(database, result);
   checkDatabase(database, sqlite3_busy_timeout(database, busy_timeout_ms));
   // The file may have been made by someone else, and a page of it may hold anything.
-  sqlite3_limit(database, SQLITE_LIMIT_LENGTH, kLongestValueBytes);
+  sqlite3_limit(database, SQLITE_LIMIT_LENGTH, most_value_bytes);
   sqlite3_progress_handler(
       database, kMostSteps, [](void*) { return 1; }, nullptr);
   sqlite3_db_config(database, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);

@@ -65,9 +65,13 @@ class Database {
  public:
   enum class Access { kReadOnly, kReadWrite };
 
+  // A hundred times the longest text in the state file.
+  static constexpr int kMostValueBytes = 100'000;
+
   // Opens an existing file; no part of its path may be a symbolic link. A lock of another process is waited
-  // for up to `busy_timeout_ms`.
-  Database(const std::string& path, Access access, int busy_timeout_ms);
+  // for up to `busy_timeout_ms`. A value that is longer than the last is damage.
+  Database(const std::string& path, Access access, int busy_timeout_ms,
+           int most_value_bytes = kMostValueBytes);
 
   // Runs statements of which no row is wanted.
   void execute(const char* sql);
