@@ -38,31 +38,36 @@ bool lookForSplit(PortName task, const Region& region, ProcessInfo& pinfo) {
   return true;
 }
 
-void countRegion(const ProcessInfo& pinfo, Region region, RegionSums& sums) {
-  RegionTopInfo& info = region.info;
+// Those among the shared libraries count where they are private, and are told apart as well.
+void countRegions(const ProcessInfo& pinfo, const RegionGroup& group, RegionSums& sums) {
+  RegionTopInfo info = group.info;
   const std::uint64_t page_size_bytes = sampler.tsamp.page_size;
   const std::uint64_t private_bytes = info.private_pages_resident * page_size_bytes;
   const bool is_kernel = pinfo.psamp.pid == 0;
+  if (group.is_library) {
+    sums.shlib_private += private_bytes;
+    if (info.share_mode != ShareMode::private_pages) return;
+  }
   if (info.share_mode == ShareMode::copy_on_write && info.ref_count == 1) {
     info.share_mode = ShareMode::private_pages;
   }
-  ++sums.regions;
+  sums.regions += group.regions;
   switch (info.share_mode) {
     case ShareMode::private_pages:
     case ShareMode::large_page:
       sums.private_resident += private_bytes + info.shared_pages_resident * page_size_bytes;
-      sums.private_virtual += region.size_bytes;
+      sums.private_virtual += group.size_bytes;
       break;
     case ShareMode::empty:
-      sums.empty_virtual += region.size_bytes;
+      sums.empty_virtual += group.size_bytes;
       break;
     case ShareMode::copy_on_write:
     case ShareMode::shared:
       if (!is_kernel) {
-        countSharedObject(sampler.shared_objects, pinfo, info, region.size_bytes, page_size_bytes, sums);
+        countSharedObject(sampler.shared_objects, pinfo, info, group.size_bytes, page_size_bytes, sums);
       } else if (info.share_mode == ShareMode::copy_on_write) {
         sums.private_resident += private_bytes;
-        sums.private_virtual += region.size_bytes;
+        sums.private_virtual += group.size_bytes;
       }
       break;
     default:
@@ -73,15 +78,19 @@ void countRegion(const ProcessInfo& pinfo, Region region, RegionSums& sums) {
 RegionSums walkRegions(PortName task, ProcessInfo& pinfo) {
   Kernel& kernel = theKernel();
   RegionSums sums;
+  std::span<const RegionGroup> groups;
+  if (kernel.regionGroups(task, groups)) {
+    for (const RegionGroup& group : groups) countRegions(pinfo, group, sums);
+    return sums;
+  }
   Region region;
   while (kernel.mach_vm_region(task, region.address, region.size_bytes, region.info) == kKernelSuccess) {
-    bool counts = true;
-    if (isInSharedLibraries(region, pinfo.psamp.cpu_type)) {
-      sums.shlib_private += region.info.private_pages_resident * sampler.tsamp.page_size;
-      if (!lookForSplit(task, region, pinfo)) break;
-      counts = region.info.share_mode == ShareMode::private_pages;
-    }
-    if (counts) countRegion(pinfo, region, sums);
+    const bool is_library = isInSharedLibraries(region, pinfo.psamp.cpu_type);
+    const bool is_told = !is_library || lookForSplit(task, region, pinfo);
+    const RegionGroup alone = {
+        .info = region.info, .size_bytes = region.size_bytes, .regions = 1, .is_library = is_library};
+    countRegions(pinfo, alone, sums);
+    if (!is_told) break;
     const std::uint64_t next = region.address + region.size_bytes;
     if (next <= region.address) break;
     region.address = next;

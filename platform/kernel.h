@@ -148,6 +148,12 @@ class Kernel {
   virtual KernelReturn mach_vm_region(PortName task, std::uint64_t& address, std::uint64_t& size,
                                       RegionBasicInfo& record) = 0;
 
+  // What a walk over all regions of a task comes to, from a host that knows it without one. Private regions
+  // are one group, empty ones another, those among the shared libraries kept apart; every other region is a
+  // group of its own, in the order of their addresses, but for libraries without private pages, which are
+  // left out. False: walk. `groups` hold until the next call.
+  virtual bool regionGroups(PortName /*task*/, std::span<const RegionGroup>& /*groups*/) { return false; }
+
   // As mach_vm_region, through maps nested to `depth`, which becomes the depth of the region found.
   virtual KernelReturn mach_vm_region_recurse(PortName task, std::uint64_t& address, std::uint64_t& size,
                                               std::uint32_t& depth, SubmapInfo64& record) = 0;

@@ -188,6 +188,14 @@ struct RegionTopInfo {
   ShareMode share_mode;
 };
 
+// Regions of a task that count alike, added up: see Kernel::regionGroups.
+struct RegionGroup {
+  RegionTopInfo info;        // the pages of all of them
+  std::uint64_t size_bytes;  // of all of them
+  std::uint32_t regions;     // how many they are
+  bool is_library;           // they lie where the task's processor type has its shared libraries
+};
+
 // mach_vm_region.
 struct RegionBasicInfo {
   static constexpr int kFlavour = 10;

@@ -35,6 +35,23 @@ class LinuxKernel : public Kernel {
         system_info_(system_info),
         stand_ins_(stand_ins) {}
 
+  // For who takes one sample after another: from now on what a process showed in the sample before is served
+  // again as long as it holds, from so many bytes at most. What does not fit is read, as everything is in the
+  // first sample, or where the kernel shows no `schedstat`.
+  //
+  // A process none of whose threads has run since (`schedstat` tells) is served from memory whole: its record
+  // and name, processor type, basic, event, kernel memory, power and VM information, threads with their
+  // times and states, descriptors, and regions. Only the time that a thread has slept is computed anew. What
+  // others can change of it is looked at when its parent has gone, and at least once in ten samples: its
+  // sizes by `statm`, its parent, group and state by `stat`, and the number of its descriptors. When any of
+  // these is another, all is read anew. Its pages, which others can make shared or its own, are walked at
+  // least once in a hundred samples.
+  void rememberProcesses(std::size_t most_bytes = std::size_t{64} << 20);
+
+  // Forgets which memory objects have been met, but for those in what is remembered: their number only grows.
+  // For who has forgotten all of them himself.
+  void forgetObjects();
+
   // What the figures of a process do not tell by themselves.
   struct Notes {
     std::uint64_t start_ticks;   // with the pid, who it is: unlike the time of start it never changes
@@ -128,6 +145,9 @@ class LinuxKernel : public Kernel {
                               RegionTopInfo& record) override;
   KernelReturn mach_vm_region(PortName task, std::uint64_t& address, std::uint64_t& size,
                               RegionBasicInfo& record) override;
+
+  // Of a kernel that remembers alone.
+  bool regionGroups(PortName task, std::span<const RegionGroup>& groups) override;
 
   // Linux nests no maps: the depth found is 0.
   KernelReturn mach_vm_region_recurse(PortName task, std::uint64_t& address, std::uint64_t& size,

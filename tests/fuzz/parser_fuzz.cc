@@ -109,7 +109,7 @@ struct Promises {
   }
 
   static void parse_process_statm(std::string_view text) {
-    require(!parseResidentPages(text) || hasDigit(text));
+    require(!parseProcessPages(text) || hasDigit(text));
   }
 
   static void parse_process_status(std::string_view text) {
@@ -120,6 +120,7 @@ struct Promises {
   // No name that a process can have changes what is read.
   static void parse_schedule(std::string_view text) {
     parseSchedule(text);
+    require(!parseThreadRuns(text) || hasDigit(text));
     const auto schedule = parseSchedule(std::string(text.substr(0, 15)) + " (1, #threads: 1)\n" +
                                         std::string(67, '-') + "\nse.exec_start : 31.5\nnr_switches : 6\n");
     require(schedule.has_value() && schedule->last_ran_ms == 31 && schedule->context_switches == 6);

@@ -45,14 +45,17 @@ KernelReturn LiveSampler::NotingKernel::pid_for_task(PortName task, std::int32_t
 }
 
 MachineReading LiveSampler::read() {
-  if (start_ && start_->samples == kSamplesOfAStart) start_.reset();
+  if (start_ && start_->samples == kSamplesOfAStart) {
+    start_.reset();
+    kernel_.forgetObjects();
+  }
   if (!start_) start_.emplace();
-  MachineReading reading = takeReading(start_->kernel.notes);
+  MachineReading reading = takeReading(kernel_.notes);
   reading.available_bytes = readAvailableBytes();
   ++start_->samples;
   for (ProcessReading& process : reading.processes) {
     ProcessFigures& figures = process.figures;
-    const auto notes = start_->kernel.notesOn(figures.pid);
+    const auto notes = kernel_.notesOn(figures.pid);
     if (!notes) continue;
     // The time of start moves with the wall clock.
     figures.start = static_cast<std::int64_t>(notes->start_ticks);

@@ -19,8 +19,9 @@ class Sampler {
   virtual Sample take() = 0;
 };
 
-// Samples this machine over time. What the sampler keeps of memory that processes share only grows, here as
-// in the bindings below it, so both are made anew now and then; no counter begins again with them.
+// Samples this machine over time; what did not change from one sample to the next costs little. What the
+// sampler keeps of memory that processes share only grows, so it is started anew now and then, and the
+// binding below it forgets what nobody holds any more; no counter begins again with that.
 class LiveSampler : public Sampler {
  public:
   Sample take() override;
@@ -30,7 +31,7 @@ class LiveSampler : public Sampler {
   // counters come at once, before its memory is walked.
   class NotingKernel : public linux_host::LinuxKernel {
    public:
-    NotingKernel() : LinuxKernel("/proc") {}
+    NotingKernel() : LinuxKernel("/proc") { rememberProcesses(); }
     KernelReturn pid_for_task(PortName task, std::int32_t& pid) override;
 
     KernelNotes notes;
@@ -42,13 +43,13 @@ class LiveSampler : public Sampler {
     Start(const Start&) = delete;
     Start& operator=(const Start&) = delete;
 
-    NotingKernel kernel;
-    linux_host::ReadOnlyHost host{&kernel};
     int samples = 0;
   };
 
   MachineReading read();
 
+  NotingKernel kernel_;
+  linux_host::ReadOnlyHost host_{&kernel_};
   std::optional<Start> start_;
   std::optional<MachineReading> before_;
 };

@@ -1,30 +1,84 @@
 #include "volornctl/live/top_json.h"
 
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "volornctl/text/json_text.h"
+#include "volornctl/text/time_text.h"
 
 namespace volorn::ctl {
 namespace {
 
-Json processJson(const ProcessFigures& process) {
-  return {{"pid", process.pid},
-          {"ppid", process.ppid},
-          {"uid", process.uid},
-          {"command", process.command},
-          {"startedAt", jsonMilliseconds(process.started_at)},
-          {"state", stateName(process.state)},
-          {"cpuPercent", jsonNumber(process.cpu_percent)},
-          {"cpuSeconds", process.cpu_seconds},
-          {"threads", process.threads},
-          {"descriptors", jsonNumber(process.descriptors)},
-          {"residentBytes", process.resident_bytes},
-          {"privateBytes", jsonNumber(process.private_bytes)},
-          {"virtualBytes", process.virtual_bytes},
-          {"footprintBytes", process.footprint_bytes},
-          {"faultsPerSecond", jsonNumber(process.faults_per_second)},
-          {"majorFaultsPerSecond", jsonNumber(process.major_faults_per_second)},
-          {"contextSwitchesPerSecond", jsonNumber(process.context_switches_per_second)}};
+// Writes an object of a sample's processes. By hand, for there may be tens of thousands, and a document of
+// them would take longer than the sample.
+class ProcessText {
+ public:
+  explicit ProcessText(std::string& text) : text_(text) {}
+
+  void add(const char* key, std::string_view value) {
+    const bool is_plain = std::ranges::all_of(value, [](char character) {
+      return character >= ' ' && character <= '~' && character != '"' && character != '\\';
+    });
+    begin(key);
+    if (is_plain) {
+      text_.append(1, '"').append(value).append(1, '"');
+    } else {
+      text_ += jsonText(Json(value));
+    }
+  }
+  template <typename Number>
+  void add(const char* key, Number value) {
+    begin(key);
+    if constexpr (std::is_integral_v<Number>) {
+      std::array<char, 24> digits = {};
+      text_.append(digits.begin(), std::to_chars(digits.begin(), digits.end(), value).ptr);
+    } else {
+      text_ += value == 0 && !std::signbit(value) ? "0.0" : jsonText(Json(value));
+    }
+  }
+  template <typename Value>
+  void add(const char* key, const std::optional<Value>& value) {
+    if (value) return add(key, *value);
+    begin(key);
+    text_ += "null";
+  }
+  void end() { text_ += '}'; }
+
+ private:
+  void begin(const char* key) {
+    text_.append(1, std::exchange(mark_, ',')).append(1, '"').append(key).append("\":");
+  }
+
+  std::string& text_;
+  char mark_ = '{';
+};
+
+void addProcess(std::string& text, const ProcessFigures& process) {
+  ProcessText object(text);
+  const std::optional<std::string> started_at = rfc3339Milliseconds(process.started_at);
+  object.add("pid", process.pid);
+  object.add("ppid", process.ppid);
+  object.add("uid", process.uid);
+  object.add("command", std::string_view(process.command));
+  object.add("startedAt", started_at ? std::optional<std::string_view>(*started_at) : std::nullopt);
+  object.add("state", std::string_view(stateName(process.state)));
+  object.add("cpuPercent", process.cpu_percent);
+  object.add("cpuSeconds", process.cpu_seconds);
+  object.add("threads", process.threads);
+  object.add("descriptors", process.descriptors);
+  object.add("residentBytes", process.resident_bytes);
+  object.add("privateBytes", process.private_bytes);
+  object.add("virtualBytes", process.virtual_bytes);
+  object.add("footprintBytes", process.footprint_bytes);
+  object.add("faultsPerSecond", process.faults_per_second);
+  object.add("majorFaultsPerSecond", process.major_faults_per_second);
+  object.add("contextSwitchesPerSecond", process.context_switches_per_second);
+  object.end();
 }
 
 }  // namespace
@@ -53,10 +107,15 @@ std::string topJson(const Sample& sample, const ProcessList& processes) {
                          {"outBytesPerSecond", jsonNumber(sample.out_bytes_per_second)}};
   document["disk"] = {{"readBytesPerSecond", jsonNumber(sample.read_bytes_per_second)},
                       {"writeBytesPerSecond", jsonNumber(sample.write_bytes_per_second)}};
-  Json rows = Json::array();
-  for (const ProcessRow& row : processes) rows.push_back(processJson(*row.process));
-  document["processes"] = std::move(rows);
-  return jsonLine(document);
+  std::string text = jsonText(document);
+  text.back() = ',';
+  text += "\"processes\":[";
+  for (const ProcessRow& row : processes) {
+    addProcess(text, *row.process);
+    text += ',';
+  }
+  if (text.ends_with(',')) text.pop_back();
+  return text + "]}\n";
 }
 
 }  // namespace volorn::ctl

@@ -14,8 +14,12 @@ Json jsonMilliseconds(const Date& date) {
   return text ? Json(*text) : Json();
 }
 
+std::string jsonText(const Json& document) {
+  return document.dump(-1, ' ', /*ensure_ascii=*/true, Json::error_handler_t::replace);
+}
+
 std::string jsonLine(const Json& document) {
-  return document.dump(-1, ' ', /*ensure_ascii=*/true, Json::error_handler_t::replace) + "\n";
+  return jsonText(document) + "\n";
 }
 
 }  // namespace volorn::ctl

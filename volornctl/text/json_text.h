@@ -25,8 +25,11 @@ Json jsonNumber(const std::optional<Number>& number) {
   return number ? Json(*number) : Json();
 }
 
-// One line, its end included, in ASCII alone: a terminal obeys control characters beyond ASCII too. Bytes
-// that are no UTF-8 become U+FFFD.
+// In ASCII alone: a terminal obeys control characters beyond ASCII too. Bytes that are no UTF-8 become
+// U+FFFD.
+std::string jsonText(const Json& document);
+
+// The same as one line, its end included.
 std::string jsonLine(const Json& document);
 
 }  // namespace volorn::ctl

@@ -27,6 +27,8 @@ struct ProcessStat {
   std::uint64_t start_code = 0;   // address; 0 or 1 for a reader without rights
   std::int32_t processor = 0;     // on which it ran last
 
+  bool operator==(const ProcessStat&) const = default;
+
   // Any bytes but NUL.
   std::string_view name() const { return {name_bytes.data(), name_length_bytes}; }
 };

@@ -4,11 +4,11 @@
 
 namespace volorn::linux_host {
 
-std::optional<std::uint64_t> parseResidentPages(std::string_view text) {
-  std::uint64_t resident_pages = 0;
+std::optional<ProcessPages> parseProcessPages(std::string_view text) {
+  ProcessPages pages;
   FieldReader fields(text);
-  const bool is_told = fields.skip(1) && fields.take(resident_pages);
-  return is_told ? std::optional(resident_pages) : std::nullopt;
+  const bool is_whole = fields.take(pages.mapped) && fields.take(pages.resident) && fields.take(pages.shared);
+  return is_whole ? std::optional(pages) : std::nullopt;
 }
 
 }  // namespace volorn::linux_host

@@ -49,4 +49,11 @@ std::optional<ThreadSchedule> parseSchedule(std::string_view text) {
   return std::nullopt;
 }
 
+std::optional<ThreadRuns> parseThreadRuns(std::string_view text) {
+  ThreadRuns runs;
+  FieldReader fields(text);
+  const bool is_whole = fields.take(runs.run_ns) && fields.take(runs.waited_ns) && fields.take(runs.slices);
+  return is_whole && runs != ThreadRuns() ? std::optional(runs) : std::nullopt;
+}
+
 }  // namespace volorn::linux_host

@@ -21,4 +21,20 @@ struct ThreadSchedule {
 // figures are there.
 std::optional<ThreadSchedule> parseSchedule(std::string_view text);
 
+// What a thread has had of the processors. As long as it is the same the thread has not run: one that keeps
+// its processor keeps its slices, and the time of one that has just got its first processor is 0 until the
+// next tick.
+struct ThreadRuns {
+  std::uint64_t run_ns = 0;
+  std::uint64_t waited_ns = 0;
+  std::uint64_t slices = 0;
+
+  bool operator==(const ThreadRuns&) const = default;
+};
+
+// The text of /proc/PID/schedstat and /proc/PID/task/TID/schedstat:
+//   31128305 289681 17
+// None as well for zeros, which a kernel shows that does not count them.
+std::optional<ThreadRuns> parseThreadRuns(std::string_view text);
+
 }  // namespace volorn::linux_host

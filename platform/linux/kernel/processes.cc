@@ -65,6 +65,16 @@ Task* LinuxKernel::askedTask(std::int32_t pid) {
   return asked && asked->pid() == pid ? asked : nullptr;
 }
 
+void LinuxKernel::rememberProcesses(std::size_t most_bytes) {
+  const std::lock_guard lock(mutex_);
+  tasks().reader.remembered.remember(most_bytes);
+}
+
+void LinuxKernel::forgetObjects() {
+  const std::lock_guard lock(mutex_);
+  if (tasks_) tasks_->reader.regions.forgetObjectsBut(tasks_->reader.remembered.objectIds());
+}
+
 std::optional<LinuxKernel::Notes> LinuxKernel::notesOn(std::int32_t pid) {
   const std::lock_guard lock(mutex_);
   const RememberedProcesses::Process* known = tasks_ ? tasks_->reader.remembered.find(pid) : nullptr;

@@ -3,15 +3,26 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <unordered_map>
+#include <vector>
 
+#include "platform/kernel_records.h"
+#include "platform/linux/kernel/parse_process_stat.h"
+#include "platform/linux/kernel/parse_process_status.h"
+#include "platform/linux/kernel/process_files.h"
 #include "platform/linux/kernel/switch_counts.h"
+#include "platform/linux/kernel/task_thread.h"
 
 namespace volorn::linux_host {
 
 // What is known of processes from one sample to the next, with what tells whether it still holds.
 class RememberedProcesses {
  public:
+  // What is looked at again though the process has not run, each process in its turn, at the latest.
+  static constexpr std::uint32_t kSamplesToOthersWork = 10;  // what is cheap to read, for what others did
+  static constexpr std::uint32_t kSamplesToPages = 100;
+
   struct ProcessorType {
     std::uint64_t start_code;  // moves when another program is executed
     std::uint32_t cpu_type;
@@ -21,41 +32,60 @@ class RememberedProcesses {
     std::uint64_t context_switches;
     std::int64_t last_ran_ms;
   };
+  // Read after the marks, so that it holds as long as they do.
+  struct Facts {
+    ProcessStat stat;
+    ProcessStatus status;
+    std::vector<TaskThread> threads;
+    std::optional<std::uint64_t> context_switches = {};            // none: not asked for, as what follows
+    std::optional<std::optional<std::uint64_t>> descriptors = {};  // as Task::descriptors()
+    std::optional<std::vector<RegionGroup>> groups = {};
+    bool parent_was_there = false;
+  };
   struct Process {
     std::uint64_t start_ticks = 0;
-    std::uint32_t sample = 0;  // in which it was asked about last
+    std::uint32_t sample = 0;  // in which it was listed or asked about last
+    std::uint32_t turn = 0;    // in which its turns come, so that those of all are spread evenly
     bool regions_are_known = false;
     bool descriptors_are_known = false;
     std::optional<ProcessorType> processor_type = std::nullopt;
     std::optional<LastRun> last_run = std::nullopt;  // of a process of one thread
     SwitchCounts switches = {};
+    std::vector<RunMark> marks = {};  // of its threads
+    std::optional<Facts> facts = std::nullopt;
+    std::size_t charged_bytes = 0;  // for what is served from memory: `marks` and `facts`
   };
 
+  // From now on marks and facts may be kept, in so many bytes.
+  void remember(std::size_t most_bytes) { most_bytes_ = most_bytes; }
+  bool isOn() const { return most_bytes_ != 0; }
+
   // Empty for a process not met before. Stays where it is until the next sample begins.
-  Process& of(std::int32_t pid, std::uint64_t start_ticks) {
-    Process& process = known_[pid];
-    if (process.start_ticks != start_ticks) process = {.start_ticks = start_ticks};
-    process.sample = sample_;
-    return process;
-  }
+  Process& of(std::int32_t pid, std::uint64_t start_ticks);
 
   // The process met last under the pid; null when there is none.
-  const Process* find(std::int32_t pid) const {
-    const auto found = known_.find(pid);
-    return found == known_.end() ? nullptr : &found->second;
+  Process* find(std::int32_t pid);
+
+  // Counts what is kept of the process now, and forgets its marks and facts when that is too much.
+  void charge(Process& process);
+
+  // Whether the turn of the process has come in this sample.
+  bool isTurnOf(const Process& process, std::uint32_t samples) const {
+    return (sample_ + process.turn) % samples == 0;
   }
 
-  // Once most of what is known is of processes that have gone, forgets those not met in the sample before.
-  void beginSample(std::size_t living_processes) {
-    if (known_.size() > 2 * living_processes) {
-      std::erase_if(known_, [&](const auto& entry) { return entry.second.sample != sample_; });
-    }
-    ++sample_;
-  }
+  // Of the memory objects behind all remembered regions, in ascending order.
+  std::vector<std::uint32_t> objectIds() const;
+
+  // Forgets the processes that are not listed any more.
+  void beginSample(std::span<const std::int32_t> pids);
 
  private:
   std::unordered_map<std::int32_t, Process> known_;
   std::uint32_t sample_ = 0;
+  std::uint32_t turns_ = 0;
+  std::size_t most_bytes_ = 0;
+  std::size_t charged_bytes_ = 0;
 };
 
 }  // namespace volorn::linux_host

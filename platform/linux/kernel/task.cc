@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <limits>
 #include <utility>
 
+#include "platform/linux/kernel/kernel_stack.h"
 #include "platform/linux/kernel/numbered_entries.h"
 #include "platform/linux/kernel/parse_auxv.h"
 #include "platform/linux/kernel/parse_process_statm.h"
@@ -38,21 +40,25 @@ class ThreadFileName {
 TaskThread threadFrom(std::int32_t id, const ProcessStat& stat) {
   return {.id = id,
           .state = stat.state,
+          .processor = stat.processor,
           .start_ticks = stat.start_ticks,
           .user_ticks = stat.user_ticks,
-          .system_ticks = stat.system_ticks,
-          .processor = stat.processor};
+          .system_ticks = stat.system_ticks};
 }
 
 }  // namespace
 
 TaskReader::TaskReader(const std::string& proc, RegionSource region_source)
-    : proc_root(proc), cpu_clocks(proc), regions(region_source) {
+    : proc_root(proc), cpu_clocks(proc), files(proc), regions(region_source) {
+  utsname kernel = {};
+  uname(&kernel);
+  kernel_stack_bytes = kernelStackBytes(kernel.machine, pageSizeBytes());
   struct stat own = {};
   kernel_counts_descriptors = ::stat((proc + "/self/fd").c_str(), &own) == 0 && own.st_size > 0;
 }
 
 void Task::begin(std::int32_t pid) {
+  remember();
   close();
   pid_ = pid;
   error_ = 0;
@@ -64,7 +70,12 @@ void Task::begin(std::int32_t pid) {
   executable_.reset();
   cpu_type_.reset();
   threads_are_read_ = false;
+  marks_are_read_ = false;
+  is_recalled_ = false;
+  context_switches_.reset();
+  descriptors_.reset();
   regions_walk_.reset();
+  groups_.reset();
 }
 
 void Task::close() {
@@ -93,7 +104,7 @@ bool Task::open() {
   if (!folder_ || fstat(folder_.get(), &found) != 0) return fail(errno);
   const FolderIdentity identity = {static_cast<std::int64_t>(found.st_ino), found.st_ctim.tv_sec,
                                    found.st_ctim.tv_nsec};
-  const bool is_same = !identity_ || *identity_ == identity;
+  const bool is_same = identity_ ? *identity_ == identity : !stat_;
   identity_ = identity;
   if (is_same) return true;
   return stat_ ? readStat() : fail(ESRCH);
@@ -145,7 +156,7 @@ std::string_view Task::readName() {
 }
 
 const ProcessStat* Task::stat() {
-  if (!stat_ && open()) readStat();
+  if (!stat_ && !error_ && !recall() && open()) readStat();
   return stat_ && !error_ ? &*stat_ : nullptr;
 }
 
@@ -164,22 +175,22 @@ const ProcessStatus* Task::status() {
 
 std::optional<std::uint64_t> Task::residentBytes() {
   if (!resident_bytes_) {
-    std::optional<std::uint64_t> pages = readResidentPages();
-    if (pages == 0 && !first_thread_has_ended_ && openLiveThread()) {
+    resident_bytes_ = readResidentBytes();
+    if (resident_bytes_ == 0 && !first_thread_has_ended_ && openLiveThread()) {
       first_thread_has_ended_ = true;
-      pages = readResidentPages();
+      resident_bytes_ = readResidentBytes();
     }
-    if (pages) resident_bytes_ = *pages * pageSizeBytes();
   }
   return error_ ? std::nullopt : resident_bytes_;
 }
 
-std::optional<std::uint64_t> Task::readResidentPages() {
+std::optional<std::uint64_t> Task::readResidentBytes() {
   const int at = folder();
   const int error = at < 0 ? error_ : reader_.buffer.readRecord(at, "statm");
-  const auto pages = error ? std::nullopt : parseResidentPages(reader_.buffer.text());
-  if (!pages) fail(error ? error : EIO);
-  return pages;
+  const auto pages = error ? std::nullopt : parseProcessPages(reader_.buffer.text());
+  if (pages) return pages->resident * pageSizeBytes();
+  fail(error ? error : EIO);
+  return std::nullopt;
 }
 
 const Executable& Task::executable() {
@@ -270,12 +281,14 @@ std::int32_t Task::sleepSeconds(std::size_t thread) {
 std::optional<std::uint64_t> Task::contextSwitches() {
   const std::vector<TaskThread>* all = threads();
   if (!all) return std::nullopt;
+  if (context_switches_) return context_switches_;
   reader_.switches.clear();
   for (std::size_t i = 0; i < all->size(); ++i) {
     if (!readSwitches(i)) return std::nullopt;
   }
   SwitchCounts& counts = reader_.remembered.of(pid_, stat_->start_ticks).switches;
-  return counts.totalWith(reader_.switches, stat_->start_code);
+  context_switches_ = counts.totalWith(reader_.switches, stat_->start_code);
+  return context_switches_;
 }
 
 // Appends those of the thread. Nothing of one that has gone.
@@ -304,20 +317,21 @@ bool Task::readSwitches(std::size_t thread) {
 
 std::optional<std::uint64_t> Task::descriptors() {
   if (!stat()) return std::nullopt;
-  const std::optional<std::uint64_t> count = countDescriptors();
-  reader_.remembered.of(pid_, stat_->start_ticks).descriptors_are_known = count.has_value();
-  return count;
+  if (!descriptors_) {
+    const int at = folder();
+    descriptors_ = at < 0 ? std::nullopt : countDescriptors(at, "fd");
+    reader_.remembered.of(pid_, stat_->start_ticks).descriptors_are_known = descriptors_->has_value();
+  }
+  return *descriptors_;
 }
 
-std::optional<std::uint64_t> Task::countDescriptors() {
-  const int at = folder();
-  if (at < 0) return std::nullopt;
+std::optional<std::uint64_t> Task::countDescriptors(int folder, const char* name) {
   if (reader_.kernel_counts_descriptors) {
     struct stat status = {};
-    if (fstatat(at, "fd", &status, 0) != 0) return std::nullopt;
+    if (fstatat(folder, name, &status, 0) != 0) return std::nullopt;
     return static_cast<std::uint64_t>(status.st_size);
   }
-  const FileDescriptor list(openat(at, "fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  const FileDescriptor list(openat(folder, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const std::int64_t count = list ? countEntries(list.get()) : -1;
   return count < 0 ? std::nullopt : std::optional(static_cast<std::uint64_t>(count));
 }
@@ -325,7 +339,7 @@ std::optional<std::uint64_t> Task::countDescriptors() {
 std::optional<std::uint32_t> Task::processorType() {
   const ProcessStat* process = stat();
   if (!process) return std::nullopt;
-  if (!cpu_type_ && open()) cpu_type_ = readProcessorType(*process);
+  if (!cpu_type_) cpu_type_ = readProcessorType(*process);
   return error_ ? std::nullopt : cpu_type_;
 }
 
@@ -333,7 +347,9 @@ std::optional<std::uint32_t> Task::processorType() {
 std::uint32_t Task::readProcessorType(const ProcessStat& process) {
   auto& remembered = reader_.remembered.of(pid_, process.start_ticks).processor_type;
   if (remembered && remembered->start_code == process.start_code) return remembered->cpu_type;
-  const int error = reader_.buffer.readRecord(folder(), "auxv");
+  const int at = folder();
+  if (at < 0) return 0;
+  const int error = reader_.buffer.readRecord(at, "auxv");
   if (error == EMFILE || error == ENFILE || error == ENOMEM) return 0;
   const std::uint32_t cpu_type = error ? 0 : processorTypeOf(reader_.buffer.text());
   remembered = {.start_code = process.start_code, .cpu_type = cpu_type};

@@ -16,8 +16,10 @@
 #include "platform/linux/kernel/parse_process_stat.h"
 #include "platform/linux/kernel/parse_process_status.h"
 #include "platform/linux/kernel/parse_schedule.h"
+#include "platform/linux/kernel/process_files.h"
 #include "platform/linux/kernel/remembered_processes.h"
 #include "platform/linux/kernel/switch_counts.h"
+#include "platform/linux/kernel/task_thread.h"
 #include "platform/linux/regions/process_regions.h"
 
 namespace volorn::linux_host {
@@ -27,12 +29,14 @@ struct TaskReader {
   TaskReader(const std::string& proc, RegionSource region_source);
 
   std::string proc_root;
-  bool kernel_counts_descriptors;  // as the size of /proc/PID/fd: since Linux 6.2
-  std::string path;                // passing
+  bool kernel_counts_descriptors;    // as the size of /proc/PID/fd: since Linux 6.2
+  std::uint64_t kernel_stack_bytes;  // of a thread
+  std::string path;                  // passing
   FileBuffer buffer;
   OpenFolders open_folders;
   BootTime boot_time;
   CpuClocks cpu_clocks;
+  ProcessFiles files;
   RememberedProcesses remembered;
   BuildIds build_ids;
   ProcessRegions regions;
@@ -40,22 +44,13 @@ struct TaskReader {
   std::vector<SwitchCounts::Thread> switches;  // passing
 };
 
-// A live thread of a task.
-struct TaskThread {
-  std::int32_t id = 0;
-  char state = 0;  // as in `stat`
-  std::uint64_t start_ticks = 0;
-  std::uint64_t user_ticks = 0;
-  std::uint64_t system_ticks = 0;
-  std::int32_t processor = 0;
-  bool schedule_is_read = false;
-  std::optional<ThreadSchedule> schedule = std::nullopt;
-};
-
 // One process, read while it runs. Each of its files is read once, at the first call that needs it. All is
 // read through the process's folder, which the kernel never gives to another process; when the folder has to
 // be opened anew, the time when the process began tells whether it is still the same. A process that is found
 // gone stays gone, whatever has its pid now: the calls then fail, with errno in error().
+//
+// Where the reader remembers processes, one none of whose threads has run since it was read before is not
+// read: its marks are, and what is remembered serves.
 //
 // It serves one process after another, from begin() to begin(), and keeps the memory that it has taken.
 class Task {
@@ -65,7 +60,7 @@ class Task {
   Task(const Task&) = delete;
   Task& operator=(const Task&) = delete;
 
-  // Takes up a process. Nothing is read yet. What was read of another is forgotten.
+  // Takes up a process. Nothing is read yet. What was read of another is forgotten, or remembered.
   void begin(std::int32_t pid);
 
   std::int32_t pid() const { return pid_; }
@@ -112,6 +107,10 @@ class Task {
   // Throws std::bad_alloc.
   const ProcessRegion* regionPast(std::uint64_t address, RegionWalk walk);
 
+  // The regions in groups, as Kernel::regionGroups has them, where the reader remembers processes. Null else,
+  // and when the process is gone. Throws std::bad_alloc.
+  const std::vector<RegionGroup>* regionGroups();
+
   // The open folder where its memory and its files are told of; negative when the process is gone. Once the
   // first thread has ended before others, that is the folder of one of them: the process's own then tells
   // nothing of either.
@@ -122,9 +121,13 @@ class Task {
   // kernel is short of memory does the same process get another.
   using FolderIdentity = std::array<std::int64_t, 3>;
 
+  bool recall();
+  bool othersHaveChanged(RememberedProcesses::Process& process);
+  bool hasRested() const;
+  void remember();
   bool open();
   bool openLiveThread();
-  std::optional<std::uint64_t> readResidentPages();
+  std::optional<std::uint64_t> readResidentBytes();
   bool readStat();
   bool readThreads();
   bool readThread(std::int32_t id);
@@ -132,7 +135,7 @@ class Task {
   bool readSwitches(std::size_t thread);
   std::uint32_t readProcessorType(const ProcessStat& process);
   std::uint64_t startCode(const ProcessStat& process);
-  std::optional<std::uint64_t> countDescriptors();
+  std::optional<std::uint64_t> countDescriptors(int folder, const char* name);
   bool readRegions(RegionWalk walk);
   bool fail(int error);
   void close();
@@ -151,8 +154,14 @@ class Task {
   std::optional<std::uint32_t> cpu_type_;  // one answer for as long as the port is lent, known or not
   std::vector<TaskThread> threads_;
   bool threads_are_read_ = false;
+  bool marks_are_read_ = false;  // before all else
+  bool is_recalled_ = false;     // and not read
+  std::vector<RunMark> marks_;
+  std::optional<std::uint64_t> context_switches_;
+  std::optional<std::optional<std::uint64_t>> descriptors_;
   std::optional<RegionWalk> regions_walk_;  // for which they were read
   std::vector<ProcessRegion> regions_;
+  std::optional<std::vector<RegionGroup>> groups_;
 };
 
 }  // namespace volorn::linux_host

@@ -1,13 +1,10 @@
 // The Linux kernel's tasks, threads and memory regions.
-#include <sys/utsname.h>
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
 #include <utility>
 
-#include "platform/linux/kernel/kernel_stack.h"
 #include "platform/linux/kernel/ports.h"
 #include "platform/linux/kernel/ticks.h"
 #include "platform/linux/linux_kernel.h"
@@ -136,7 +133,7 @@ KernelReturn LinuxKernel::processor_set_tasks(PortName set, PortArray& tasks_of_
     if (readProcesses() != 0) return kKernelFailure;
     Tasks& all = tasks();
     if (all.own != 0) all.ports.handBack(std::exchange(all.own, 0));
-    all.reader.remembered.beginSample(all.pids.size());
+    all.reader.remembered.beginSample(all.pids);
     std::vector<PortName>& ports = arrays_.lend();
     ports.reserve(all.pids.size());
     all.ports.reserve(all.pids.size());
@@ -215,14 +212,12 @@ KernelReturn LinuxKernel::task_info(PortName port, TaskEventsInfo& record) {
 
 KernelReturn LinuxKernel::task_info(PortName port, TaskKernelMemoryInfo& record) {
   return call(kKernelFailure, [&]() -> KernelReturn {
-    utsname kernel = {};
-    uname(&kernel);
-    const std::uint64_t stack_bytes = kernelStackBytes(kernel.machine, pageSizeBytes());
     Task* task = taskOf(port);
     const ProcessStatus* status = task ? task->status() : nullptr;
     const ProcessStat* stat = status ? task->stat() : nullptr;
     if (!stat) return failureOf(task);
-    record = {.bytes = {status->page_table_bytes + stat->threads * stack_bytes, 0, 0, 0}};
+    record = {
+        .bytes = {status->page_table_bytes + stat->threads * tasks().reader.kernel_stack_bytes, 0, 0, 0}};
     return kKernelSuccess;
   });
 }
@@ -340,6 +335,15 @@ KernelReturn LinuxKernel::mach_vm_region(PortName task, std::uint64_t& address, 
     if (!region) return failure;
     record = {.reserved = region->reserved};
     return kKernelSuccess;
+  });
+}
+
+bool LinuxKernel::regionGroups(PortName port, std::span<const RegionGroup>& groups) {
+  return call(false, [&]() -> bool {
+    Task* task = taskOf(port);
+    const std::vector<RegionGroup>* found = task ? task->regionGroups() : nullptr;
+    if (found) groups = *found;
+    return found;
   });
 }
 

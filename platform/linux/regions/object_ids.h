@@ -1,7 +1,9 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <span>
 #include <unordered_map>
 
 namespace volorn::linux_host {
@@ -27,14 +29,22 @@ struct MemoryObjectHash {
   }
 };
 
-// Ids of memory objects, from 1 on in the order of asking. An object keeps its id.
+// Ids of memory objects, from 1 on in the order of asking. An object keeps its id until it is forgotten.
 class ObjectIds {
  public:
   std::uint32_t idOf(const MemoryObject& object) {
-    return ids_.try_emplace(object, static_cast<std::uint32_t>(ids_.size() + 1)).first->second;
+    const auto [place, is_new] = ids_.try_emplace(object, next_);
+    if (is_new) ++next_;
+    return place->second;
+  }
+
+  // `kept`: ids in ascending order.
+  void forgetAllBut(std::span<const std::uint32_t> kept) {
+    std::erase_if(ids_, [&](const auto& entry) { return !std::ranges::binary_search(kept, entry.second); });
   }
 
  private:
+  std::uint32_t next_ = 1;
   std::unordered_map<MemoryObject, std::uint32_t, MemoryObjectHash> ids_;
 };
 

@@ -56,4 +56,8 @@ bool ProcessRegions::read(int process_folder, const RegionOwner& owner, RegionWa
   return true;
 }
 
+void ProcessRegions::forgetObjectsBut(std::span<const std::uint32_t> kept) {
+  parts_->view.forgetObjectsBut(kept);
+}
+
 }  // namespace volorn::linux_host

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <vector>
 
 #include "platform/kernel_records.h"
@@ -45,7 +46,7 @@ enum class RegionSource {
 };
 
 // Reads processes' memory regions and hands out the ids of the memory objects behind them. An id stands for
-// one object as long as this lives. For one thread at a time.
+// one object until it is forgotten. For one thread at a time.
 //
 // Shared libraries (files that are mapped to be executed, but for the executable) are shown one after the
 // other from the start of the walker's range for them, as far as they fit: to the walker of a task each of
@@ -65,6 +66,10 @@ class ProcessRegions {
   // is not known. A vector handed in again saves allocating. Throws std::bad_alloc.
   bool read(int process_folder, const RegionOwner& owner, RegionWalk walk,
             std::vector<ProcessRegion>& regions);
+
+  // Forgets the ids of the memory objects behind regions that nobody holds any more. `kept`: those that are
+  // held, in ascending order. No id is handed out twice.
+  void forgetObjectsBut(std::span<const std::uint32_t> kept);
 
  private:
   struct Parts;

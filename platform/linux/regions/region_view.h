@@ -27,6 +27,9 @@ class RegionView {
   void show(std::span<const Mapping> mappings, const RegionOwner& owner, RegionWalk walk,
             std::vector<ProcessRegion>& regions);
 
+  // See ProcessRegions.
+  void forgetObjectsBut(std::span<const std::uint32_t> kept) { object_ids_.forgetAllBut(kept); }
+
  private:
   void findLibraries(std::span<const Mapping> mappings, std::uint64_t start_code);
   ProcessRegion regionOf(const Mapping& mapping, const RegionOwner& owner, ShareMode share_mode);

@@ -92,6 +92,14 @@ TEST(KernelParseTest, ANameCannotForgeASchedule) {
   }
 }
 
+TEST(KernelParseTest, WhatTellsThatAThreadHasNotRunIsWholeOrNone) {
+  const ThreadRuns runs = {.run_ns = 0, .waited_ns = 289681, .slices = 1};
+  EXPECT_EQ(parseThreadRuns("0 289681 1\n"), runs);
+  for (const auto text : {"", "0 0 0\n", "31128305 289681\n", "31128305 289681 -1\n"}) {
+    EXPECT_FALSE(parseThreadRuns(text)) << text;
+  }
+}
+
 TEST(KernelParseTest, SystemFiguresAreWholeOrNone) {
   const auto ticks =
       parseSystemTicks("cpu  80259 7441 16202 4294967296 1018 1 199 45 0 0\ncpu0 1 2 3 4 5 6 7\n");
