@@ -79,13 +79,20 @@ function(volorn_test name)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES RUN_SERIAL ${arg_ALONE} LABELS "${label}")
 endfunction()
 
-# volorn_system_test(NAME SCRIPT [LABELS label...]): a test that starts the built programs; SCRIPT gets their folder.
+# volorn_system_test(NAME SCRIPT [ALONE] [UNSANITIZED] [LABELS label...]): a test that starts the built programs; SCRIPT
+# gets their folder. UNSANITIZED is for what sanitizers cannot be under, strace and faketime, or would falsify.
 function(volorn_system_test name script)
-  cmake_parse_arguments(arg "" "" "LABELS" ${ARGN})
+  cmake_parse_arguments(arg "ALONE;UNSANITIZED" "" "LABELS" ${ARGN})
+  if(arg_UNSANITIZED AND VOLORN_SANITIZE)
+    return()
+  endif()
+  if(arg_ALONE)
+    list(APPEND arg_LABELS alone)
+  endif()
   add_test(NAME ${name}
     COMMAND /usr/bin/python3 ${CMAKE_CURRENT_SOURCE_DIR}/${script} ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})
   set_tests_properties(${name} PROPERTIES
-    LABELS "${arg_LABELS}" ENVIRONMENT PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/system)
+    RUN_SERIAL ${arg_ALONE} LABELS "${arg_LABELS}" ENVIRONMENT PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/system)
 endfunction()
 
 # volorn_bench(NAME SOURCES file... [LINKS target...]): a benchmark in the folder bench/ below the programs.
@@ -97,15 +104,12 @@ function(volorn_bench name)
   volorn_configure(${name})
 endfunction()
 
-# volorn_fuzz(NAME [RUNS number] SOURCES file... [LINKS target...]): a libFuzzer program, run as a test over a bounded
+# volorn_fuzz(NAME SOURCES file... [LINKS target...]): a libFuzzer program, run as a test over a bounded
 # number of inputs from a fixed seed. It compiles what it fuzzes itself, so that the fuzzer sees which way each input takes
 # there, and links what that needs around it. VOLORN_FUZZED is its name without `_fuzz`, for sources that several share.
 # Clang alone brings libFuzzer.
 function(volorn_fuzz name)
-  cmake_parse_arguments(arg "" "RUNS" "SOURCES;LINKS" ${ARGN})
-  if(NOT arg_RUNS)
-    set(arg_RUNS 20000)
-  endif()
+  cmake_parse_arguments(arg "" "" "SOURCES;LINKS" ${ARGN})
   if(NOT (VOLORN_SANITIZE AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang"))
     return()
   endif()
@@ -124,6 +128,6 @@ function(volorn_fuzz name)
     set(inputs -seed_inputs=${inputs})
   endif()
   add_test(NAME ${name}
-    COMMAND ${name} -runs=${arg_RUNS} -seed=1 -max_len=256 -verbosity=0 ${inputs})
+    COMMAND ${name} -runs=20000 -seed=1 -max_len=256 -verbosity=0 ${inputs})
   set_tests_properties(${name} PROPERTIES LABELS one_try)
 endfunction()

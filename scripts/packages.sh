@@ -4,8 +4,8 @@ packages_to_build=(g++ cmake ninja-build libsqlite3-dev libcli11-dev nlohmann-js
   libncurses-dev libzstd-dev)
 packages_to_test=("${packages_to_build[@]}" libbenchmark-dev clang libclang-rt-14-dev clang-format clang-tidy black libgtest-dev
   binutils procps python3 tmux ncurses-term zsh fish strace faketime sqlite3
-  prometheus prometheus-node-exporter python3-prometheus-client mandoc groff-base
-  systemd udev dbus chromium fonts-dejavu-core dpkg-dev file e2fsprogs mount cppcheck valgrind)
+  prometheus python3-prometheus-client mandoc groff-base
+  systemd udev dbus chromium fonts-dejavu-core dpkg-dev file e2fsprogs mount cppcheck)
 packages_to_package=("${packages_to_build[@]}" dpkg-dev file lintian)
 packages_to_bench=("${packages_to_build[@]}" libbenchmark-dev pkg-config libproc2-dev libgtop2-dev procps python3 smem htop tmux)
 # For another processor: libraries, fetched by an apt of its own, and its compiler, which is a program of this machine.
@@ -17,7 +17,7 @@ packages_for_i386=(g++-i686-linux-gnu)
 
 say() { printf '\n== %s\n' "$*"; }
 
-# Tests start these themselves, on a network of their own: none is to serve on the machine that they are tested on.
+# A package whose tool alone is wanted: it is not to serve on the machine that is tested on.
 without_services=(-o 'DPkg::Options::=--path-exclude=/lib/systemd/system/prometheus*'
   -o 'DPkg::Options::=--path-exclude=/etc/init.d/prometheus*')
 

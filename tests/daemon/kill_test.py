@@ -1,20 +1,11 @@
-"""volornd killed at every one of its system calls: the file holds the whole run or nothing of it."""
+"""volornd killed at every one of its system calls that change anything: the file holds the whole run or nothing of it."""
 
-import json
+import fcntl
 
 import host
 
 # Who owns the folder that root's run finds, and carries on in it afterwards.
 OWNERS = [0, host.OTHER_USER] if host.HAS_OTHER_USERS else [0]
-
-
-CUT_OFF = f"volornctl: {host.FILE}: a run was cut off; the next start of the daemon will mend it\n"
-
-
-def whatAReaderSees():
-    """How many of the two newest snapshots, or why none."""
-    _, output, errors = host.run(host.VOLORNCTL, "history", "--json", "--limit", "2")
-    return errors or len(json.loads(output)["snapshots"])
 
 
 def tryKill(start, files, owner, name, ordinal):
@@ -25,8 +16,6 @@ def tryKill(start, files, owner, name, ordinal):
     killed = host.killedAt([host.VOLORND], name, ordinal)
     kept = host.readCopy(host.save())
     whole = test.isWholeRun(before, kept)
-    if before.snapshots:
-        test.assertIn(whatAReaderSees(), (CUT_OFF, min(len(kept.snapshots), 2)))
     log = test.runAs(owner)
     test.assertNotIn("state file", " ".join(log))
     after = host.readState()
@@ -48,19 +37,14 @@ class KillTest(host.Test):
             starts.append((f"empty folder of {owner}", {}, owner))
             starts.append((f"state of yesterday of {owner}", yesterday, owner))
         host.restore(yesterday)
-        host.editState(
-            "WITH RECURSIVE n(i) AS (VALUES (2) UNION ALL SELECT i + 1 FROM n WHERE i < 4000) "
-            "INSERT INTO snapshot SELECT i, i FROM n",
-            "INSERT INTO metric SELECT id, position, key_id, value FROM snapshot, metric WHERE id > 1",
-            *host.TO_FIRST_VERSION,
-        )
-        starts.append(("4,000 snapshots of the first version", host.save(), 0))
+        host.editState(*host.TO_FIRST_VERSION)
+        starts.append(("state of the first version", host.save(), 0))
         kills = []
         for start in starts:
             host.restore(*start[1:])
             self.runDaemon(host.traced([host.VOLORND]))
-            calls = [call for call in host.tracedCalls() if call[0] != "execve"]
-            self.assertGreater(len(calls), 100, "a trace of a whole run")
+            calls = list(host.tracedCalls(host.CHANGING))
+            self.assertGreater(len(calls), 50, "a trace of a whole run")
             kills += [(*start, *call) for call in calls]
         results = host.tryAll(tryKill, kills)
         failures = [failure for _, failure in results if failure]
@@ -69,6 +53,28 @@ class KillTest(host.Test):
         met = [(start, whole) for (start, killed, whole), _ in results if killed]
         self.assertGreater(len(met), 0.9 * len(results))
         self.assertEqual(set(met), {(start[0], whole) for start in starts for whole in (False, True)})
+
+    def runHurried(self):
+        """A thousand times as fast, so that waiting costs nothing."""
+        return self.runDaemon(["faketime", "-f", "+0 x1000", host.VOLORND])
+
+    def testPatienceEnds(self):
+        """With a run that does not end, and with a reader that does not."""
+        yesterday = self.makeStateOf(2)
+        with self.subTest("lock"), open(host.STATE / "volorn.lock") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            reason = f"{host.STATE}/volorn.lock: another run holds it: Connection timed out"
+            self.assertEqual(self.runHurried(), [host.lossOf(reason), *host.NEW])
+            self.assertEqual(host.save(), yesterday)
+        with self.subTest("reader"), host.opened() as reader:
+            before = host.readState()
+            reader.execute("BEGIN")
+            reader.execute("SELECT * FROM preference").fetchone()
+            self.assertEqual(self.runHurried(), [*host.LATE, host.lossOf("database is locked")])
+            reader.execute("ROLLBACK")
+            self.assertEqual(host.readState(), before)
+            self.runDaemon()
+            self.checkRun(before, host.readState())
 
 
 if __name__ == "__main__":

@@ -147,34 +147,6 @@ TEST(ControllerTest, AStartDecidesByPlanAndDay) {
   }
 }
 
-TEST(ControllerTest, AsksInOrder) {
-  const std::string beginning =
-      "time; copyValue nextPlannedWakeupTime; createSerialQueue com.zorvik.volorn.requestQueue; "
-      "WaketideInit com.zorvik.volorn; WaketideCopyJob com.zorvik.volorn.logcreation; "
-      "now; setValue lastWakeupTime; getIntegerValue lastLogDumpedDaySince1970; ";
-  Host host;
-  host.run();
-  const auto asked = [&host] {
-    std::string text;
-    for (const std::string& call : std::exchange(host.calls, {})) text += call + "; ";
-    return text;
-  };
-  std::string text = asked();
-  const std::size_t readings = text.find("now; setScalarValue");
-  ASSERT_NE(readings, text.npos);
-  text.erase(readings, text.find("time; ", readings) - readings);
-  EXPECT_EQ(text, beginning +
-                      "arc4random; WaketideAddJob com.zorvik.volorn.logcreation; "
-                      "setValue nextPlannedWakeupTime; time; setValue lastLogDumpedDaySince1970; "
-                      "synchronise com.zorvik.volorn; ");
-  host.preferences_store.values.erase(kPlanKey);
-  EXPECT_EQ(host.run().front(), "WTD job already exists");
-  EXPECT_EQ(asked(), beginning +
-                         "time; getIntegerValue lastLogDumpedDaySince1970; time; "
-                         "copyValue nextPlannedWakeupTime; WaketideAddJob com.zorvik.volorn.logcreation; "
-                         "synchronise com.zorvik.volorn; ");
-}
-
 TEST(ControllerTest, EventsAreOnlyLogged) {
   const std::pair<JobEvent, Lines> rows[] = {
       {{.expired = false, .job_status = 1}, {"Waketide job was in error."}},

@@ -1,29 +1,19 @@
 // Processes that end, and pids that another process gets, between any two calls by which a process is read.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/sched.h>
-#include <signal.h>
-#include <sys/mman.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdarg>
+#include <array>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iterator>
-#include <memory>
-#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
 
 #include "tests/libtop/real_sampler.h"
-#include "tests/platform/linux/regions/helper_process.h"
+#include "tests/platform/linux/fixture_tree.h"
 
 namespace {
 
@@ -51,184 +41,93 @@ COUNTED(int, openat(int folder, const char* path, int flags, ...), SYS_openat, f
 COUNTED(ssize_t, read(int file, void* buffer, size_t size), SYS_read, file, buffer, size)
 COUNTED(ssize_t, readlinkat(int folder, const char* path, char* buffer, size_t size) noexcept, SYS_readlinkat,
         folder, path, buffer, size)
-ssize_t pread(int file, void* buffer, size_t size, off_t offset) {
-  countCall();
-  const iovec place = {.iov_base = buffer, .iov_len = size};
-  return syscall(SYS_preadv, file, &place, 1, static_cast<long>(offset), static_cast<long>(offset >> 32));
-}
-int fstatat(int folder, const char* path, struct stat* status, int flags) noexcept {
-  countCall();
-  const int link = flags & AT_SYMLINK_NOFOLLOW ? O_NOFOLLOW : 0;
-  const volorn::linux_host::FileDescriptor place(
-      static_cast<int>(syscall(SYS_openat, folder, path, O_PATH | O_CLOEXEC | link)));
-  return fstat(place.get(), status);
-}
-int ioctl(int file, unsigned long request, ...) noexcept {
-  std::va_list arguments;
-  va_start(arguments, request);
-  void* const argument = va_arg(arguments, void*);
-  va_end(arguments);
-  countCall();
-  return static_cast<int>(syscall(SYS_ioctl, file, request, argument));
-}
 
 }  // extern "C"
 
 namespace volorn {
 namespace {
 
-using linux_host::kPage;
-using linux_host::RegionSource;
+namespace fs = std::filesystem;
+using linux_host::FixtureTree;
+using linux_host::ProcessFixture;
 
-// What the kernel sums up of a process under these names.
-std::uint64_t bytesOf(pid_t pid, const std::set<std::string>& names) {
-  std::ifstream sums("/proc/" + std::to_string(pid) + "/smaps_rollup");
-  std::uint64_t kib = 0;
-  for (std::string word; sums >> word;) {
-    std::uint64_t value = 0;
-    if (names.contains(word) && sums >> value) kib += value;
-  }
-  return kib * 1024;
+constexpr int kPid = 42;
+
+// Each figure of the second is greater than any of the first.
+constexpr ProcessFixture kFirst = {.name = "first", .user_ticks = 7, .system_ticks = 8};
+constexpr ProcessFixture kSecond = {.name = "second",
+                                    .user_ticks = 7000,
+                                    .system_ticks = 8000,
+                                    .start_ticks = 2000,
+                                    .context_switches = 6000,
+                                    .resident_kib = 8000,
+                                    .private_kib = 4000,
+                                    .effective_user = 65534};
+
+std::array<std::uint64_t, 5> figuresOf(const ProcessSample& process) {
+  const auto centiseconds = process.total_time.seconds * 100 + process.total_time.microseconds / 10'000;
+  return {process.uid, process.csw.value, process.resident, process.private_resident,
+          static_cast<std::uint64_t>(centiseconds)};
 }
 
-// What tells two processes of the same pid from each other.
-struct Look {
-  const char* name;
-  uid_t user;
-  std::size_t pages;
-  int descriptors;
-};
-
-const Look kFirst = {"first", geteuid(), 0, 3};
-
-// With more pages of its own than the first has of any kind.
-Look secondTo(pid_t first) {
-  return {"second", 65534, bytesOf(first, {"Rss:"}) / kPage + 100, 9};
-}
-
-// Rests until it is killed, looking so.
-class Process {
- public:
-  // `pid`: which it is to have, 0 for any. Where the kernel does not allow the choice, as to most who are not
-  // root, there is no process.
-  explicit Process(const Look& look, pid_t pid = 0) {
-    int ready[2];
-    if (pipe2(ready, O_CLOEXEC) != 0) return;
-    clone_args arguments = {};
-    arguments.exit_signal = SIGCHLD;
-    if (pid != 0) {
-      arguments.set_tid = reinterpret_cast<std::uintptr_t>(&pid);
-      arguments.set_tid_size = 1;
-    }
-    pid_ = static_cast<pid_t>(syscall(SYS_clone3, &arguments, sizeof arguments));
-    if (pid_ == 0) run(look, ready[1]);
-    close(ready[1]);
-    char byte = 0;
-    static_cast<void>(!read(ready[0], &byte, 1));
-    close(ready[0]);
-  }
-  ~Process() { end(); }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-
-  pid_t pid() const { return pid_; }
-
-  // Its zombie stays.
-  void kill() const {
-    siginfo_t event = {};
-    ::kill(pid_, SIGKILL);
-    waitid(P_PID, static_cast<id_t>(pid_), &event, WEXITED | WNOWAIT);
-  }
-  void end() {
-    if (pid_ <= 0) return;
-    kill();
-    waitpid(std::exchange(pid_, 0), nullptr, 0);
-  }
-
- private:
-  [[noreturn]] static void run(const Look& look, int ready) {
-    prctl(PR_SET_NAME, look.name);
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    char* const memory = static_cast<char*>(
-        mmap(nullptr, look.pages * kPage, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
-    for (std::size_t i = 0; i < look.pages; ++i) memory[i * kPage] = 1;
-    for (int i = 0; i < look.descriptors; ++i) static_cast<void>(dup(0));
-    if (look.user != geteuid()) static_cast<void>(!setresuid(look.user, look.user, look.user));
-    static_cast<void>(!write(ready, "", 1));
-    for (;;) pause();
-  }
-
-  pid_t pid_ = 0;
-};
-
-std::size_t descriptorsOf(const std::string& process) {
-  const std::filesystem::directory_iterator list("/proc/" + process + "/fd");
-  return static_cast<std::size_t>(std::distance(begin(list), end(list)));
-}
-
-// The record of a process that was there for a part of the update: of the first, perhaps not all.
-void expectFirst(const ProcessSample& process, std::size_t descriptors, const Look& second) {
-  EXPECT_EQ(process.uid, kFirst.user);
-  EXPECT_TRUE(process.ports == 0 || process.ports == descriptors) << process.ports;
-  EXPECT_LT(process.private_resident, second.pages * kPage);
-  EXPECT_LT(process.footprint, second.pages * kPage);
-  EXPECT_EQ(process.threads, 1U);
-}
-
-// Of the second, which stays, all.
-void expectSecond(const ProcessSample& process, pid_t pid, const Look& second) {
-  EXPECT_EQ(process.command, second.name);
-  EXPECT_EQ(process.uid, second.user);
-  EXPECT_EQ(process.ports, descriptorsOf(std::to_string(pid)));
-  EXPECT_EQ(process.threads, 1U);
-  EXPECT_GE(process.footprint, second.pages * kPage);
-  EXPECT_GE(process.private_resident, second.pages * kPage);
-  EXPECT_LE(process.private_resident, bytesOf(pid, {"Private_Clean:", "Private_Dirty:"}));
-}
+constexpr std::array<std::uint64_t, 5> kOfFirst = {8, 6, 8 << 10, 4 << 10, 15};
+constexpr std::array<std::uint64_t, 5> kOfSecond = {65534, 6000, 8000 << 10, 4000 << 10, 15000};
 
 constexpr int kMostCalls = 1'000'000;
 
-void updateStruckAt(int call, RealSampler& real, std::string_view ending) {
-  Process first(kFirst);
-  std::unique_ptr<Process> second;
-  const pid_t pid = first.pid();
-  const std::size_t descriptors = descriptorsOf(std::to_string(pid));
-  const Look look = secondTo(pid);
+void end(const FixtureTree& tree, std::string_view ending) {
+  const fs::path folder = tree.at("42");
+  if (ending == "gone") fs::remove_all(folder);
+  if (ending == "zombie") {
+    for (const char* file : {"status", "statm", "smaps", "auxv", "fd"}) fs::remove_all(folder / file);
+  }
+  if (ending == "replaced") {
+    fs::rename(folder, tree.at("ended"));
+    fs::rename(tree.at("second/42"), folder);
+  }
+}
+
+void updateStruckAt(int call, RealSampler& real, const FixtureTree& tree, std::string_view ending) {
+  for (const char* folder : {"42", "ended", "second"}) fs::remove_all(tree.at(folder));
+  kFirst.write(tree, kPid);
+  kSecond.write(tree, kPid, "second/");
   sampler.processes.clear();
   calls_before_strike = call;
-  strike = [&] {
-    ending == "zombie" ? first.kill() : first.end();
-    if (ending == "replaced") second = std::make_unique<Process>(look, pid);
-  };
-  const int result = real.update(pid);
+  strike = [&] { end(tree, ending); };
+  const int result = real.update(kPid);
   strike = nullptr;
-  const ProcessSample* process = RealSampler::process(pid);
+  const ProcessSample* process = RealSampler::process(kPid);
   EXPECT_EQ(process != nullptr, result == kProcessUpdated);
-  if (process && process->command == kFirst.name) {
-    expectFirst(*process, descriptors, look);
-  } else if (process) {
-    EXPECT_EQ(ending, "replaced");
-    expectSecond(*process, pid, look);
+  if (process && process->command == kSecond.name) {
+    EXPECT_EQ(figuresOf(*process), kOfSecond);
+  } else if (process) {  // perhaps not all of it
+    for (std::size_t i = 0; i < kOfFirst.size(); ++i) EXPECT_LE(figuresOf(*process)[i], kOfFirst[i]) << i;
   }
+}
+
+std::ptrdiff_t openDescriptors() {
+  const fs::directory_iterator list("/proc/self/fd");
+  return std::distance(begin(list), end(list));
 }
 
 class DyingProcessTest : public testing::TestWithParam<const char*> {};
 
 TEST_P(DyingProcessTest, IsSkippedOrKeptAndNeverMixedWithAnother) {
-  const std::size_t before = descriptorsOf("self");
-  for (const RegionSource source : {RegionSource::page_map, RegionSource::smaps}) {
-    RealSampler real(source);
-    updateStruckAt(kMostCalls, real, GetParam());
+  const FixtureTree tree;
+  linux_host::writeSystem(tree);
+  const std::ptrdiff_t before = openDescriptors();
+  {
+    RealSampler real(linux_host::RegionSource::smaps, tree.root());
+    updateStruckAt(kMostCalls, real, tree, GetParam());
+    EXPECT_EQ(figuresOf(*RealSampler::process(kPid)), kOfFirst);
     const int calls = kMostCalls - calls_before_strike;
-    EXPECT_GT(calls, 15);
+    EXPECT_GT(calls, 10);
     for (int call = 0; call < calls; ++call) {
-      const bool is_one_of_many = call > 20 && call < calls - 10;  // the same for every mapping
-      if (is_one_of_many && call % 8 != 0) continue;
-      updateStruckAt(call, real, GetParam());
+      updateStruckAt(call, real, tree, GetParam());
       ASSERT_FALSE(HasFailure()) << "before call " << call;
     }
   }
-  EXPECT_EQ(descriptorsOf("self"), before);
+  EXPECT_EQ(openDescriptors(), before);
 }
 
 INSTANTIATE_TEST_SUITE_P(Endings, DyingProcessTest, testing::Values("zombie", "gone", "replaced"));

@@ -6,7 +6,6 @@
 #include <linux/seccomp.h>
 #include <signal.h>
 #include <sys/ioctl.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -30,25 +29,31 @@
 #include "tests/failing_allocation.h"
 #include "tests/libtop/real_sampler.h"
 #include "tests/platform/linux/fixture_tree.h"
-#include "tests/platform/linux/regions/helper_process.h"
 
 namespace volorn {
 namespace {
 
-using linux_host::Helper;
-using linux_host::kPage;
 using linux_host::RegionSource;
+
+const std::uint64_t kPage = static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
 
 constexpr RegionSource kSources[] = {RegionSource::best, RegionSource::page_map, RegionSource::smaps};
 
 // What moves may move between two looks: only what never agrees is wrong.
 constexpr int kAttempts = 40;
 
+// A large mapping that is mostly holes, with zero pages among those that were written.
+constexpr const char* kHoles =
+    "import mmap, signal; m = mmap.mmap(-1, 1 << 26, flags=mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS)\n"
+    "for i in range(0, 1 << 26, 1 << 20): m[i] = 1; m[i + 4096]\n"
+    "signal.pause()";
+
 // Processes that come to rest: many of another program, and some of this one.
 class Crowd {
  public:
   explicit Crowd(int count) {
     for (int i = 0; i < count; ++i) add([] { execl("/bin/sleep", "sleep", "infinity", nullptr); });
+    add([] { execl("/usr/bin/python3", "python3", "-c", kHoles, nullptr); });
     add([] { raise(SIGSTOP); });
     add([] { _exit(0); });
     add([] {
@@ -274,18 +279,12 @@ void writeTwoProcesses(const linux_host::FixtureTree& tree) {
     const linux_host::ProcessFixture process = {
         .threads = threads, .user_ticks = 7 * threads, .system_ticks = 8 * threads};
     process.write(tree, pid);
-    tree.write(folder + "auxv", std::string(8, '\0'));
-    tree.write(folder + "smaps",
-               "1000-5000 rw-p 00000000 00:00 0 \nPrivate_Dirty: 4 kB\nShared_Dirty: 4 kB\n");
-    tree.write(folder + "fd/0", "");
     if (pid == 42) continue;
     const linux_host::ProcessFixture half = {.user_ticks = 7, .system_ticks = 8};
     for (const int thread : {43, 44}) half.write(tree, thread, "43/task/");
     for (const char* file : {"maps", "pagemap"}) tree.write(folder + file, "");
   }
-  tree.write("stat", "cpu  1 2 3 4 5 6 7\n");
-  tree.write("meminfo", "MemTotal: 4000 kB\nMemFree: 1000 kB\nActive: 600 kB\nInactive: 400 kB\n");
-  tree.write("vmstat", "");
+  linux_host::writeSystem(tree);
 }
 
 TEST(RealMachineTest, ASampleOutOfMemoryAtAnyPointIsMadeGoodByTheNext) {
@@ -331,46 +330,6 @@ TEST(RealMachineTest, ALibraryMoreIsACodeRegionMore) {
   EXPECT_GT(after.shlib_code, before.shlib_code);
   EXPECT_GT(after.shlib_virtual, before.shlib_virtual);
   dlclose(library);
-}
-
-// What this process has read so far, in calls and in bytes.
-struct Reads {
-  std::uint64_t calls = sumBehind(textOf("/proc/self/io"), {"syscr:"});
-  std::uint64_t bytes = sumBehind(textOf("/proc/self/io"), {"rchar:"});
-};
-
-// A page map of the whole would be two gigabytes, two megabytes where addresses have 32 bits.
-TEST(RealMachineTest, AHugeReservationIsReadAsFarAsThereArePages) {
-  constexpr std::size_t kReservedBytes = std::size_t{1} << (sizeof(void*) == 8 ? 40 : 30);
-  constexpr std::size_t kTouchedPages = 8;
-  // Of memory that counts page by page as it is touched, however strict the kernel is in lending it.
-  const Helper helper([] {
-    const linux_host::FileDescriptor memory(memfd_create("reserved", MFD_CLOEXEC));
-    if (ftruncate(memory.get(), kReservedBytes) != 0) return false;
-    char* const reserved = static_cast<char*>(
-        mmap(nullptr, kReservedBytes, PROT_READ | PROT_WRITE, MAP_SHARED, memory.get(), 0));
-    if (reserved == MAP_FAILED) return false;
-    for (std::size_t i = 0; i < kTouchedPages; ++i) reserved[kReservedBytes / kTouchedPages * i] = 1;
-    return true;
-  });
-  ASSERT_TRUE(helper.isSetUp());
-  const std::int32_t pid = std::stoi(helper.pid());
-  const std::string sums = "/proc/" + helper.pid() + "/smaps_rollup";
-  for (const RegionSource source : kSources) {
-    RealSampler real(source);
-    const std::uint64_t least = privateBytesIn(textOf(sums));
-    const Reads before;
-    ASSERT_EQ(real.update(pid), kProcessUpdated);
-    const Reads after;
-    const ProcessSample& process = *RealSampler::process(pid);
-    EXPECT_GE(process.virtual_size, kReservedBytes);
-    const std::uint64_t sampled = process.private_resident;
-    EXPECT_GE(sampled, least);
-    // What this process writes ceases to be shared with its relative.
-    EXPECT_LE(sampled, privateBytesIn(textOf(sums)));
-    EXPECT_LT(after.calls - before.calls, 1000U);
-    EXPECT_LT(after.bytes - before.bytes, 1U << 20);
-  }
 }
 
 }  // namespace

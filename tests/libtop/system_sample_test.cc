@@ -106,38 +106,6 @@ TEST_F(SystemSampleTest, CurrentBeginAndPreviousValuesOverThreeSamples) {
                                                 "Error in DeviceRegistryFindServices()"}));
 }
 
-TEST_F(SystemSampleTest, CallsInOrder) {
-  const auto asked = [this] {
-    std::string text;
-    for (const std::string& call : std::exchange(host.calls, {})) text += call + "; ";
-    return text;
-  };
-  kernel.addTask(42, "").arguments = std::string("tool\0tool\0", 10);
-  kernel.reserved_bytes = {{"Reserved", 0}, {"Unusable", 0}, {"Other", 0}};
-  host.device_registry.disks = {fake::FakeDeviceRegistry::diskWith({})};
-  kernel.journals_task_calls = true;
-  ASSERT_EQ(start(), 0);
-  EXPECT_EQ(asked(),
-            "host_page_size; sysctl 6.24; sysctlnametomib machdep.memmap.Reserved; "
-            "sysctlnametomib machdep.memmap.Unusable; sysctlnametomib machdep.memmap.Other; "
-            "sysctl machdep.memmap.Reserved; sysctl machdep.memmap.Unusable; sysctl machdep.memmap.Other; "
-            "sysctl 1.8; openDeviceRegistry; host_statistics; gettimeofday; ");
-  sample();
-  asked();
-  sample(true, true);
-  EXPECT_EQ(asked(),
-            "gettimeofday; host_processor_sets; host_processor_set_priv; processor_set_tasks; "
-            "pid_for_task 42; sysctl 1.14.1 42; sysctl 1.49 42; sysctl sysctl.proc_cputype 42; "
-            "task_info 18 42; mach_vm_region 12 42; task_threads 42; thread_info 42; "
-            "mach_port_deallocate thread; mach_vm_deallocate threads; mach_port_names 42; "
-            "mach_vm_deallocate port names; mach_vm_deallocate port types; task_info 2 42; task_info 7 42; "
-            "task_info 21 42; task_info 23 42; proc_pidinfo 12 42; mach_port_deallocate task; "
-            "mach_vm_deallocate tasks; mach_port_deallocate set; mach_port_deallocate set name; "
-            "mach_vm_deallocate set names; getloadavg 24; host_statistics; mach_vm_region_recurse 1; "
-            "mach_vm_region_recurse 1; host_statistics64; sysctl 2.5; sysctl 4.17 size; sysctl 4.17; "
-            "findServices BlockStorageDriver; copyProperties; releaseService; resetServices; ");
-}
-
 TEST_F(SystemSampleTest, BrokenListsCountWhatIsWhole) {
   const std::string whole = fake::FakeKernel::interfaceMessage({1, 2, 3, 4});
   constexpr std::size_t kShortest = interface_message::kInformation64Bytes;
@@ -343,20 +311,6 @@ TEST_F(SystemSampleTest, SharedLibrariesOfTheOwnTask) {
     address += kPage;
     EXPECT_EQ(sample(true, true).shlib_code_regions, regions);
   }
-}
-
-TEST_F(SystemSampleTest, SecondStartReleasesWhatTheFirstLeft) {
-  for (int start_count = 0; start_count < 2; ++start_count) {
-    kernel.addTask(1, "one").regions = regionsFrom(kPage, {top(ShareMode::shared, 0, 1)});
-    ASSERT_EQ(start(), 0);
-    EXPECT_EQ(libtop_tsamp()->seq, 0U);
-    EXPECT_FALSE(sampler.processes.first());
-    EXPECT_EQ(sample().shared_resident_total, kPage);
-    EXPECT_TRUE(libtop_piterate());  // a walk cut short by the next start
-  }
-  libtop_fini();
-  EXPECT_FALSE(libtop_piterate());
-  ASSERT_EQ(start(), 0);
 }
 
 using SystemSampleDeathTest = SystemSampleTest;

@@ -18,24 +18,6 @@ const std::string kWorkerRow = "          worker  <000102030405060708090a0b0c0d0
 
 constexpr const char* kBasicInfoCall = sizeof(void*) == 8 ? "task_info 18" : "task_info 4";
 
-// Notes what it is told, and how many lines the log had by then.
-class NotingSink : public ProcessMemorySink {
- public:
-  explicit NotingSink(const Lines& log) : log_(log) {}
-  void addProcess(const ProcessMemory& process) override { note(std::to_string(process.pid) + " read"); }
-  void addFailure(const ProcessMemoryFailure& failure) override {
-    note(std::to_string(failure.pid) + " step " + std::to_string(static_cast<int>(failure.step)));
-  }
-  void addListFailure(std::string_view /*text*/) override { note("list"); }
-
-  Lines notes;
-
- private:
-  void note(const std::string& what) { notes.push_back(what + ", log " + std::to_string(log_.size())); }
-
-  const Lines& log_;
-};
-
 class VoLornMemoryTest : public testing::Test {
  protected:
   fake::FakeTask& addWorker(std::int32_t pid) {
@@ -104,18 +86,13 @@ TEST_F(VoLornMemoryTest, AFailedStepEndsItsProcessAlone) {
     host.kernel.failures.clear();
     fail(call, -5);
     host.system_log.lines.clear();
+    host.calls.clear();
     const std::string text = "getMemoryData: " + words;
     // A process without a name has a line to itself; the others leave theirs open.
     EXPECT_EQ(reportBody(),
               text + (step == 0 ? " for pid -5\n" : " for pid: -5, name : worker") + kWorkerRow);
     EXPECT_EQ(log, Lines{text});
 
-    host.system_log.lines.clear();
-    host.calls.clear();
-    NotingSink sink(log);
-    walkProcessMemory(sink);
-    const std::string told = "-5 step " + std::to_string(step) + (step < 3 ? ", log 0" : ", log 1");
-    EXPECT_EQ(sink.notes, (Lines{told, "6 read, log 1"}));
     asked.push_back(std::string(call) + " -5");
     std::erase_if(host.calls, [](const std::string& each) { return !each.ends_with(" -5"); });
     EXPECT_EQ(host.calls, asked);
@@ -133,10 +110,6 @@ TEST_F(VoLornMemoryTest, WithoutAListThereIsItsErrorAlone) {
   fail("proc_listpids", fake::FakeKernel::kNoProcess);
   EXPECT_EQ(reportBody(), first + " second time around");
   EXPECT_EQ(log, (Lines{first, first, first + " second time around"}));
-
-  NotingSink sink(log);
-  walkProcessMemory(sink);
-  EXPECT_EQ(sink.notes, Lines{"list, log 3"});
 }
 
 TEST_F(VoLornMemoryTest, AListThatGrowsIsCutToTheSizeToldBefore) {

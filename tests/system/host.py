@@ -70,15 +70,10 @@ LATE = [
     "WTD job already exists",
     "Woke up too late, will mark that we were likely asleep at the time and exit",
 ]
-EARLY = [
-    "WTD job already exists",
-    "Woke up before 30.000000 seconds from due time, so not resetting planned wake up time",
-    "wakeupstatus was wakeupstatus too early",
-]
+EARLY = "wakeupstatus was wakeupstatus too early"
 HAS_ONE = "already dumped today!!"
 CLEARS = "clearing it, so that the daemon plans anew"
 STAYS = "it stays until the clock is synchronised or the machine has been up for 48 hours"
-AGAIN = "rescheduling current trigger and not dumping the log"
 
 # A user besides root, where there can be one: an ordinary user's namespace may hold that user alone.
 OTHER_USER = 4321
@@ -137,8 +132,8 @@ def reachable(program):
 
 
 def traced(command, *rules):
-    """The command under strace with these rules (trace=..., inject=...)."""
-    words = [word for rule in rules for word in ("-e", rule)]
+    """The command under strace with these rules (trace=..., inject=...), and the paths that its calls are to touch."""
+    words = [word for rule in rules for word in ("-P" if rule[0] == "/" else "-e", rule)]
     return ["strace", "-f", "-qq", "-o", str(TRACE), *words, *command]
 
 
@@ -148,6 +143,12 @@ def tracedCalls(names=r"\w+"):
     for name in re.findall(rf"^\d+ +({names})\(", TRACE.read_text(), re.MULTILINE):
         seen[name] += 1
         yield name, seen[name]
+
+
+# Names of the calls before which a kill leaves other files or locks than before the last.
+CHANGING = (
+    r"open\w*|mkdir\w*|write|pwrite64|f\w*sync|ftruncate|fallocate|rename\w*|unlink\w*|flock|fcntl|close"
+)
 
 
 def killedAt(command, name, ordinal, *rules):

@@ -48,8 +48,9 @@ def microseconds(date):
 
 
 def row():
-    """When the window in the job table opens."""
-    return microseconds(host.readState().jobs[host.JOB][0])
+    """When the window in the job table opens; nothing while there is no row."""
+    window = host.readState().jobs.get(host.JOB)
+    return window and microseconds(window[0])
 
 
 def nextMidnight(time_us):

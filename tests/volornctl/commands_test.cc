@@ -18,14 +18,6 @@ Date fromNow(double seconds) {
 
 const Moment kMoment = {.now = fromNow(0), .time_zone = [](std::int64_t) { return ZoneOffset{3600, "CET"}; }};
 
-TEST(StatusTest, WhatIsMissingIsNullInJson) {
-  EXPECT_EQ(
-      statusJson({.state_file = "/s"}),
-      R"({"schema":1,"stateFile":"/s","preferences":{"nextPlannedWakeupTime":null,)"
-      R"("lastWakeupTime":null,"lastLogDumpedDaySince1970":null},"job":null,"lastSnapshotAt":null,"verdict":null})"
-      "\n");
-}
-
 TEST(StatusTest, Table) {
   const Status full = {.state_file = "/var/lib/volorn/volorn.db",
                        .next_planned_wakeup_time = fromNow(48000.5),
@@ -87,21 +79,6 @@ TEST(MetricsTest, ReadingsHaveTheirUnits) {
       {"com.zorvik.snapshot.unheardOf", 1, ""},
   };
   for (const auto& [key, value, expected] : cases) EXPECT_EQ(reading(key, value), expected) << key << value;
-}
-
-TEST(MetricsTest, Table) {
-  const linux_host::StoredSnapshot snapshot = {.taken_at = fromNow(-7200),
-                                               .metrics = {{"com.zorvik.snapshot.uptime.load1Min100x", 12},
-                                                           {"com.zorvik.snapshot.battery.pluggedIn", 0},
-                                                           {"forged\nrow", INT64_MAX}},
-                                               .unknown = {"com.zorvik.snapshot.battery.pluggedIn"}};
-  EXPECT_EQ(metricsTable(snapshot, kMoment, false),
-            "Taken at  2026-11-23 02:05:06 UTC (2026-11-23 03:05:06 CET), 2 h ago\n"
-            "\n"
-            "Key                                Value  Reading\n"
-            "uptime.load1Min100x                   12  0.12\n"
-            "battery.pluggedIn              not known\n"
-            "forged\\u{a}row       9223372036854775807\n");
 }
 
 }  // namespace

@@ -1,12 +1,9 @@
 """The file of metrics: replaced as a whole or not at all, whatever happens to who replaces it."""
 
 import os
-import pathlib
 import shutil
 import subprocess
-import sys
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "system"))
 import host
 
 FOLDER = host.LIB / "textfile"
@@ -15,6 +12,7 @@ DRAFT = FOLDER / ".volorn.prom.new"
 PRECIOUS = host.LIB / "precious"
 OLD = b"old content\n"
 COMMAND = [host.VOLORNCTL, "metrics", "--format", "openmetrics", "--output", str(EXPORT)]
+TOUCHES = [str(path) for path in (FOLDER, EXPORT, DRAFT)]
 
 
 class ExportTest(host.Test):
@@ -26,19 +24,10 @@ class ExportTest(host.Test):
         self.expected = subprocess.run(COMMAND[:-2], check=True, stdout=subprocess.PIPE).stdout
         self.assertTrue(self.expected.endswith(b"\n# EOF\n"))
 
-    def export(self, before=(), **options):
-        done = subprocess.run(
-            [*before, *COMMAND],
-            stdin=subprocess.DEVNULL,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-            text=True,
-            timeout=600,
-            check=False,
-            **options,
-        )
-        self.assertEqual(done.stdout, "")
-        return done.returncode, done.stderr
+    def export(self, command=COMMAND, **options):
+        status, output, errors = host.run(*command, **options)
+        self.assertEqual(output, "")
+        return status, errors
 
     def checkFolder(self, *others):
         self.assertEqual(sorted(path.name for path in FOLDER.iterdir()), sorted(["volorn.prom", *others]))
@@ -63,73 +52,32 @@ class ExportTest(host.Test):
         self.checkExported(owner)
 
     def testKilledAtEveryCall(self):
-        trace = host.LIB / "trace"
-        self.export(["strace", "-o", str(trace), "-P", str(FOLDER), "-P", str(EXPORT), "-P", str(DRAFT)])
-        calls = [line.split("(")[0] for line in trace.read_text().splitlines() if "(" in line]
-        for call in ("write", "fchmod", "fsync", "renameat"):
-            self.assertIn(call, calls)
+        self.export(host.traced(COMMAND, *TOUCHES))
+        calls = list(host.tracedCalls())
+        self.assertLessEqual({"write", "fchmod", "fsync", "renameat"}, {name for name, _ in calls})
         kept = set()
-        for name in sorted(set(calls)):
-            for ordinal in range(1, calls.count(name) + 1):
+        for call in calls:
+            with self.subTest(call):
                 EXPORT.write_bytes(OLD)
-                status, _ = self.export(
-                    [
-                        "strace",
-                        "-o",
-                        str(trace),
-                        "-P",
-                        str(FOLDER),
-                        "-P",
-                        str(EXPORT),
-                        "-P",
-                        str(DRAFT),
-                        "-e",
-                        f"inject={name}:signal=SIGKILL:when={ordinal}",
-                    ]
-                )
-                self.assertEqual(status, -9, name)
+                self.assertTrue(host.killedAt(COMMAND, *call, *TOUCHES))
                 kept.add(EXPORT.read_bytes())
-                self.assertEqual(self.export(), (0, ""), name)
+                self.assertEqual(self.export(), (0, ""))
                 self.checkExported()
         self.assertEqual(kept, {OLD, self.expected})
 
     def testEveryFailureLeavesTheOldFile(self):
-        for name, error in (
-            ("write", "ENOSPC"),
-            ("fsync", "EIO"),
-            ("fchmod", "EPERM"),
-            ("renameat", "EROFS"),
+        for failure in (
+            "write:error=ENOSPC",
+            "fsync:error=EIO",
+            "fchmod:error=EPERM",
+            "renameat:error=EROFS",
         ):
-            status, text = self.export(
-                [
-                    "strace",
-                    "-o",
-                    "/dev/null",
-                    "-P",
-                    str(DRAFT),
-                    "-P",
-                    str(FOLDER),
-                    "-e",
-                    f"inject={name}:error={error}:when=1",
-                ]
-            )
-            self.assertEqual(status, 1, name)
-            self.assertRegex(text, rf"\Avolornctl: {EXPORT}: .+\n\Z")
-            self.assertEqual(EXPORT.read_bytes(), OLD)
-            self.checkFolder()
-
-    def testFullDisk(self):
-        with host.mounted("-t", "tmpfs", "-o", "size=16k", "small", str(FOLDER)):
-            EXPORT.write_bytes(OLD)
-            with open(FOLDER / "filler", "wb", buffering=0) as filler:
-                try:
-                    while True:
-                        filler.write(bytes(1024))
-                except OSError:
-                    pass
-            self.assertEqual(self.export(), (1, f"volornctl: {EXPORT}: No space left on device\n"))
-            self.assertEqual(EXPORT.read_bytes(), OLD)
-            self.checkFolder("filler")
+            with self.subTest(failure):
+                status, text = self.export(host.traced(COMMAND, *TOUCHES, f"inject={failure}:when=1"))
+                self.assertEqual(status, 1)
+                self.assertRegex(text, rf"\Avolornctl: {EXPORT}: .+\n\Z")
+                self.assertEqual(EXPORT.read_bytes(), OLD)
+                self.checkFolder()
 
     def testManyAtOnce(self):
         for _ in range(5):

@@ -109,32 +109,6 @@ class MendTest(host.Test):
                 self.assertEqual((mending.returncode, len(log)), (0, lines), log)
                 self.assertEqual(host.readState(), usual)
 
-    def testManyAtOnce(self):
-        mendings = [started(MEND, SYNCHRONISED) for _ in range(8)]
-        logs = "".join(mending.communicate(timeout=120)[1] for mending in mendings)
-        self.assertEqual([mending.returncode for mending in mendings], [0] * len(mendings), logs)
-        self.assertEqual((logs.count(CLEARS), logs.count("state file")), (1, 0), logs)
-        self.assertEqual(host.readState(), self.cleared)
-
-    def testKilledOnTheWay(self):
-        self.mend()
-        calls = list(host.tracedCalls("f?sync|fdatasync|flock|fcntl|openat|pwrite64|ftruncate|unlink"))
-        self.assertGreater(len(calls), 20, "a trace of a whole mending")
-        found = set()
-        for call in calls:
-            with self.subTest(call):
-                host.restore(self.far)
-                host.killedAt(MEND, *call, SYNCHRONISED)
-                left = host.save()
-                state = host.readCopy(left)
-                self.assertIn(state, (self.before, self.cleared))
-                cleared = state == self.cleared
-                found.add((cleared, left["volorn.db-journal"][:8] != bytes(8)))
-                self.assertEqual(self.mend()[1:], [] if cleared else [CLEARS])
-                self.assertEqual(host.readState(), self.cleared)
-        # Some were cut off with a journal that the next one had to take back first.
-        self.assertEqual(found, {(False, False), (False, True), (True, False)})
-
     def testBeforeEachStartThatServeMakes(self):
         serve = [MEND[0], "serve", "--daemon", host.VOLORND]
         with started(serve, SYNCHRONISED, start_new_session=True) as server:

@@ -40,7 +40,7 @@ class FixtureTree {
 
 // What a process's files tell, or a thread's.
 struct ProcessFixture {
-  std::string name = "worker";
+  std::string_view name = "worker";
   char state = 'S';
   int threads = 1;
   int user_ticks = 0;
@@ -49,25 +49,36 @@ struct ProcessFixture {
   int start_code = 4194304;
   int context_switches = 6;
   int resident_kib = 8;
+  int private_kib = 4;
+  int effective_user = 8;
 
   std::string stat(int pid) const {
     const auto number = [](int value) { return ' ' + std::to_string(value); };
-    return std::to_string(pid) + " (" + name + ") " + state + " 1 2 0 0 -1 64 10 0 3 0" + number(user_ticks) +
-           number(system_ticks) + " 0 0 20 0" + number(threads) + " 0" + number(start_ticks) + " 4096 1 99" +
-           number(start_code) + " 2 3 0 0 0 0 0 0 0 0 0 17 0 0\n";
+    return std::to_string(pid) + " (" + std::string(name) + ") " + state + " 1 2 0 0 -1 64 10 0 3 0" +
+           number(user_ticks) + number(system_ticks) + " 0 0 20 0" + number(threads) + " 0" +
+           number(start_ticks) + " 4096 1 99" + number(start_code) + " 2 3 0 0 0 0 0 0 0 0 0 17 0 0\n";
   }
 
   void write(const FixtureTree& tree, int pid, const std::string& above = {}) const {
     const std::string folder = above + std::to_string(pid) + "/";
     tree.write(folder + "stat", stat(pid));
-    tree.write(folder + "status", "Uid:\t7\t8\t9\t9\nVmSize:\t16 kB\nVmRSS:\t" +
-                                      std::to_string(resident_kib) +
+    tree.write(folder + "status", "Uid:\t7\t" + std::to_string(effective_user) +
+                                      "\t9\t9\nVmSize:\t16 kB\nVmRSS:\t" + std::to_string(resident_kib) +
                                       " kB\nRssAnon:\t4 kB\nVmPTE:\t1 kB\nvoluntary_ctxt_switches:\t" +
                                       std::to_string(context_switches) + "\n");
     tree.write(folder + "statm", "4 " + std::to_string(resident_kib * 1024 / sysconf(_SC_PAGESIZE)) + " 0\n");
-    std::filesystem::create_directories(tree.at(folder + "fd"));
+    tree.write(folder + "fd/0", "");
+    tree.write(folder + "auxv", std::string(8, '\0'));  // of 64 bits
+    tree.write(folder + "smaps", "1000-5000 rw-p 00000000 00:00 0 \nPrivate_Dirty: " +
+                                     std::to_string(private_kib) + " kB\nShared_Dirty: 4 kB\n");
   }
 };
+
+inline void writeSystem(const FixtureTree& tree) {
+  tree.write("stat", "cpu  1 2 3 4 5 6 7\n");
+  tree.write("meminfo", "MemTotal: 4000 kB\nMemFree: 1000 kB\nActive: 600 kB\nInactive: 400 kB\n");
+  tree.write("vmstat", "pgpgin 80\npgpgout 160\n");
+}
 
 struct UnreadableFile {
   const char* what;
@@ -82,6 +93,7 @@ inline constexpr UnreadableFile kUnreadableFiles[] = {
     {"endless device", EINVAL, [](const auto& path) { std::filesystem::create_symlink("/dev/zero", path); }},
     {"link to itself", ELOOP, [](const auto& path) { std::filesystem::create_symlink(path, path); }},
     {"16 MiB", EFBIG, [](const auto& path) { std::ofstream(path) << std::string(16 << 20, '1'); }},
+    {"EIO", EIO, [](const auto& path) { std::filesystem::create_symlink("/proc/self/mem", path); }},
     {"empty", 0, [](const auto& path) { std::ofstream(path).flush(); }},
     {"NUL bytes", 0, [](const auto& path) { std::ofstream(path) << std::string(3, '\0') << "7\n"; }},
     {"beyond 64 bits", 0, [](const auto& path) { std::ofstream(path) << "9223372036854775808\n"; }},

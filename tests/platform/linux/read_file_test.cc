@@ -29,10 +29,6 @@ TEST(ReadFileTest, WhatIsNoFileFailsAtOnce) {
   }
 }
 
-TEST(ReadFileTest, FilesOfProcStateNoSize) {
-  EXPECT_NE(readFile("/proc/self/stat", kAttributeLimitBytes).bytes, "");
-}
-
 TEST(ListFolderTest, NamesFilesFoldersAndLinksInByteOrder) {
   const FixtureTree tree("class/BAT10/type Battery\nclass/.hidden x\nclass/BAT2 x\n");
   std::filesystem::create_symlink("BAT2", tree.at("class/AC"));

@@ -31,6 +31,27 @@ void shutDown(UsageBooks& books, UsageMark& mark) {
   reboot(books, mark);
 }
 
+void shutDownLongAgo(UsageBooks& books, UsageMark& mark) {
+  shutDown(books, mark);
+  ++mark.boottime_ns;
+}
+
+void wasLast(UsageBooks& books, UsageMark& /*mark*/) {
+  books.is_last = true;
+}
+
+void cannotTell(UsageBooks& /*books*/, UsageMark& mark) {
+  mark.plugged_in = {};
+}
+
+void couldNotTell(UsageBooks& books, UsageMark& /*mark*/) {
+  books.plugged_in = {};
+}
+
+void someLost(UsageBooks& /*books*/, UsageMark& mark) {
+  mark.some_lost = true;
+}
+
 constexpr std::pair<int, int> kNothing = {0, 0};
 
 const Case kCases[] = {
@@ -46,47 +67,16 @@ const Case kCases[] = {
     {"pulled while asleep", true, false, 3'000, 9'000, {}, true},
     {"a clock that ran backwards", false, false, -1, 0, {}, true},
     {"another that did", false, false, 1'000, -101, {}, true},
-    {"nobody tells of the plug",
-     false,
-     false,
-     1,
-     0,
-     {},
-     true,
-     [](auto&, auto& mark) { mark.plugged_in = {}; }},
-    {"nobody told", false, false, 1, 0, {}, true, [](auto& books, auto&) { books.plugged_in = {}; }},
-    {"a mark was lost", true, true, 1, 0, {}, true, [](auto&, auto& mark) { mark.some_lost = true; }},
+    {"nobody tells of the plug", false, false, 1, 0, {}, true, cannotTell},
+    {"nobody told", false, false, 1, 0, {}, true, couldNotTell},
+    {"a mark was lost", true, true, 1, 0, {}, true, someLost},
     {"shut down and started", false, true, 1, 0, kNothing, true, shutDown},
     {"cut off on battery", false, false, 1, 0, {}, true, reboot},
     {"cut off while plugged in", true, false, 1, 0, kNothing, true, reboot},
-    {"started long before its first mark",
-     false,
-     false,
-     1,
-     0,
-     {},
-     true,
-     [](auto& books, auto& mark) {
-       shutDown(books, mark);
-       ++mark.boottime_ns;
-     }},
-    {"watched again",
-     false,
-     false,
-     60'000,
-     0,
-     {{60'000, 0}},
-     true,
-     [](auto& books, auto&) { books.is_last = true; }},
-    {"unwatched for long", true, true, 60'001, 0, {}, true, [](auto& books, auto&) { books.is_last = true; }},
-    {"changed while unwatched",
-     true,
-     false,
-     1,
-     0,
-     {},
-     true,
-     [](auto& books, auto&) { books.is_last = true; }},
+    {"started long before its first mark", false, false, 1, 0, {}, true, shutDownLongAgo},
+    {"watched again", false, false, 60'000, 0, {{60'000, 0}}, true, wasLast},
+    {"unwatched for long", true, true, 60'001, 0, {}, true, wasLast},
+    {"changed while unwatched", true, false, 1, 0, {}, true, wasLast},
 };
 
 TEST(UsageBooksTest, AMarkAfterAnother) {

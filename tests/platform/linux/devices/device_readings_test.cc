@@ -1,11 +1,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <iterator>
 #include <map>
-#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/fake/fake_host.h"
 #include "platform/linux/host_bindings.h"
@@ -48,7 +50,7 @@ class Snapshot : public MetricStore {
   }
 
   // With a question mark behind what stands in for a reading, and a dash for a key that is absent.
-  std::string of(std::initializer_list<std::string_view> keys) const {
+  std::string of(const std::vector<std::string_view>& keys) const {
     std::string text;
     for (const std::string_view key : keys) {
       const auto figure = figures_.find(key);
@@ -118,175 +120,48 @@ void addDevices(const FixtureTree& tree, const std::string& class_and_prefix, st
   }
 }
 
-struct Row {
-  const char* what;
-  const char* devices;
-  const char* expected;
-};
-
-// Charge and capacity; plugged in and full.
-const Row kSupplies[] = {
-    {"nothing", "", "- - 0? 0?"},
-    {"truncated, not rounded", "Battery charge 1/3", "3333 3 0? 0?"},
-    {"0.57 is a little less in binary", "Battery capacity 57", "5699 100 0? 0?"},
-    {"energy first", "Battery energy 5/10, charge 1/4, capacity 7", "5000 10 0? 0?"},
-    {"pairs are never mixed", "Battery energy 5/, charge 1/4", "2500 4 0? 0?"},
-    {"percent where no pair is whole", "Battery energy 5/, charge /2, capacity 7", "700 100 0? 0?"},
-    {"percent above 100", "Battery capacity 117", "10000 100 0? 0?"},
-    {"percent below 0", "Battery capacity -1", "0 100 0? 0?"},
-    {"now above full", "Battery energy 11/10", "10000 10 0? 0?"},
-    {"now below 0", "Battery energy -11/10", "0 10 0? 0?"},
-    {"share of charge", "Battery charge /1600, charge_counter -77, capacity 43", "4300 1600 0? 0?"},
-    {"share of energy first", "Battery energy /1600, charge /9, capacity 43", "4300 1600 0? 0?"},
-    {"share of no whole unit", "Battery charge /3333, capacity 57", "5699 3333 0? 0?"},
-    {"share above full", "Battery charge /1600, capacity 117", "10000 1600 0? 0?"},
-    {"share in a sum", "Battery charge /1000, capacity 50 | Battery charge 250/1000", "3750 2000 0? 0?"},
-    {"lone energy", "Battery energy 5/, charge /2", "-10000? - 0? 0?"},
-    {"lone full energy", "Battery energy /5, charge 2/", "- 5 0? 0?"},
-    {"lone charge below 0", "Battery charge -2/", "-10000? - 0? 0?"},
-    {"sum", "Battery energy 5/10 | Battery energy 30/20, charge 1/2 | Battery status Unknown",
-     "8333 30 0? 0?"},
-    {"unit in common", "Battery energy 5/10, charge 1/2 | Battery charge 3/4", "6666 6 0? 0?"},
-    {"mean of mixed units", "Battery energy 5/10 | Battery charge 1/4", "3750 100 0? 0?"},
-    {"a pair of nothing is none", "Battery energy 5/10, charge 1/0 | Battery charge 1/4", "3750 100 0? 0?"},
-    {"mean of percents", "Battery capacity 40 | Battery capacity 61", "5050 100 0? 0?"},
-    {"one whole figure", "Battery capacity 50 | Battery energy 5/", "5000 100 0? 0?"},
-    {"halves of two packs", "Battery energy 5/ | Battery energy /5", "- - 0? 0?"},
-    {"empty packs", "Battery energy 5/0 | Battery energy /-9, capacity 9 | Battery charge 1/4",
-     "2500 4 0? 0?"},
-    {"beyond 64 bits in sum",
-     "Battery energy 9223372036854775807/9223372036854775807 | "
-     "Battery energy 9223372036854775807/9223372036854775807",
-     "10000 2147483647 0? 0?"},
-    {"mouse", "Battery scope Device, present 1, status Full, capacity 1 | Battery capacity 5",
-     "500 100 0? 0?"},
-    {"absent", "Battery present 0, status Full, capacity 1 | Battery capacity 5", "500 100 0? 0?"},
-    {"present", "Battery scope System, present 1, capacity 5", "500 100 0? 0?"},
-    {"no store", "BMS status Full, capacity 1 | ? status Full, capacity 1", "- - 0? 0?"},
-    {"uninterruptible supply", "UPS status Charging, charge 1/2", "5000 2 1 0"},
-    {"beside a battery", "Battery capacity 5 | UPS status Full, charge 1/2", "500 100 0? 0?"},
-    {"beside a mouse", "Battery scope Device, capacity 5 | UPS status Full, capacity 50", "5000 100 1 1"},
-    {"beside what is absent", "Battery present 0 | UPS status Discharging, capacity 50", "5000 100 0 0"},
-    {"of a monitor", "UPS scope Device, status Full, capacity 50", "- - 0? 0?"},
-
-    {"unreadable figures", "Battery status Discharging, energy ?/?, charge ?/?, capacity ?", "- - 0 0"},
-    {"unreadable now", "Battery energy ?/1600", "- 1600 0? 0?"},
-    {"unreadable full", "Battery energy 1500/?", "-10000? - 0? 0?"},
-    {"unreadable now beside a percent", "Battery energy ?/1600, capacity 50", "5000 1600 0? 0?"},
-    {"unreadable pack", "Battery energy ?/? | Battery status Full, energy 2/2", "10000 2 1 1"},
-    {"unreadable scope and presence", "Battery scope ?, present ?, energy 1/2", "5000 2 0? 0?"},
-    {"no number", "Battery energy many/1600 | Battery energy 15 mWh/1600", "- - 0? 0?"},
-
-    {"charger alone", "Mains online 1", "- - 1 0?"},
-    {"charger off", "Mains online 0", "- - 0 0?"},
-    {"any charger", "Mains online 0 | USB_PD online 2 | Wireless online 0", "- - 1 0?"},
-    {"a mouse's charger", "USB scope Device, online 1", "- - 0? 0?"},
-    {"a mouse's is not the pack's", "USB scope Device, online 0 | Battery status Full", "- - 1 1"},
-    {"online and discharging", "Mains online 1 | Battery status Discharging", "- - 1 0"},
-    {"off and charging", "Mains online 0 | Battery status Charging", "- - 1 0"},
-    {"off and full", "Mains online 0 | Battery status Full", "- - 0 1"},
-    {"charger untold, charging", "Mains online ? | Battery status Charging", "- - 1 0"},
-    {"charger untold, full", "Wireless online ? | Battery status Full", "- - 1 1"},
-    {"charger untold, discharging", "Mains online ? | Battery status Discharging", "- - 0 0"},
-    {"one charger tells", "Mains online ? | USB online 0 | Battery status Full", "- - 0 1"},
-    {"nothing tells", "Mains online ? | Battery status Unknown", "- - 0? 0?"},
-    {"a vendor's own word", "Battery status Cmd discharging", "- - 0? 0?"},
-    {"any pack that charges", "Battery status Unknown | Battery status Charging", "- - 1 0?"},
-
-    {"held, nobody knows at what", "Battery status Not charging", "- - 1 0"},
-    {"held at 90 percent", "Battery status Not charging, energy 27/30", "9000 30 1 1"},
-    {"held below", "Battery status Not charging, energy 26/30, charge 2/2, capacity 100", "8666 30 1 0"},
-    {"held at a share", "Battery status Not charging, charge /30, capacity 90", "9000 30 1 1"},
-    {"one not full", "Battery status Full | Battery status Charging", "- - 1 0"},
-    {"a second entry that tells nothing", "Battery status Full | Battery present 1", "- - 1 1"},
-    {"of a status alone", "Battery status Full | Battery status Unknown", "- - 1 0?"},
-    {"of a figure alone", "Battery status Full | Battery capacity 100", "10000 100 1 0?"},
-    {"nothing but entries that tell nothing", "Battery present 1 | Battery voltage_now 1", "- - 0? 0?"},
-    {"empty packs' states", "Battery status Full | Battery status Charging, energy 0/0", "- - 1 1"},
-    {"unknown but full", "Wireless online 1 | Battery status Unknown, energy 11/10", "10000 10 1 1"},
-    {"unknown and not full", "Mains online 1 | Battery status Unknown, energy 9/10", "9000 10 1 0?"},
-    {"unknown without power", "Mains online 0 | Battery status Unknown, energy 9/9", "10000 9 0 0?"},
-};
-
-const Row kBacklights[] = {
-    {"none", "", "0?"},
-    {"half", "raw level 50/100, actual_brightness 0", "5000"},
-    {"off", "raw level 0/100", "0"},
-    {"above the greatest", "raw level 101/100", "10000"},
-    {"below the least", "raw level -1/100", "0"},
-    {"firmware first", "? level 1/4 | raw level 1/4 | platform level 2/4 | firmware level 3/4", "7500"},
-    {"then platform", "odd level 1/4 | raw level 1/4 | platform level 2/4", "5000"},
-    {"known kinds before others", "odd level 1/4 | raw level 2/4", "5000"},
-    {"by name", "raw level 1/4 | raw level 2/4", "2500"},
-    {"enabled connector first",
-     "raw level 1/4, device/subsystem @../../bus/platform | raw level 2/4, device/enabled disabled | "
-     "raw level 3/4, device/subsystem @../../class/drm, device/enabled enabled",
-     "7500"},
-    {"then a platform device",
-     "raw level 1/4, device/subsystem @../../class/drm, device/enabled disabled | raw level 2/4 | "
-     "raw level 3/4, device/subsystem @../../bus/platform",
-     "7500"},
-    {"input devices last",
-     "raw level 1/4, device/subsystem @../../bus/hid | raw level 2/4, device/subsystem @../../class/input | "
-     "raw level 3/4",
-     "7500"},
-    {"the kind before the parent", "raw level 1/4, device/enabled enabled | platform level 2/4", "5000"},
-    {"unreadable setting", "raw level ?/100", "0?"},
-    {"unreadable bound", "raw level 7/?", "2147483647?"},
-    {"bound of 0", "raw level 7/0", "0?"},
-    {"bound below 0", "raw level 7/-5", "0?"},
-    {"the chief one unreadable", "firmware level ?/4 | raw level 50/100", "0?"},
-};
-
-const Row kZones[] = {
-    {"none", "", "0?"},
-    {"below", "acpi mode enabled, temp 59999, 60000 hot", "0"},
-    {"at", "acpi mode enabled, temp 60000, 60000 hot", "3"},
-    {"no mode", "acpi temp 60000, 60000 passive", "2"},
-    {"as far as it goes", "acpi temp 90000, 80000 critical, 70000 hot, 95000 active", "4"},
-    {"the worst zone", "acpi temp 90000, 60000 hot | acpi temp 90000, 60000 active", "3"},
-    {"switched off", "acpi mode disabled, temp 90000, 60000 hot | acpi temp 50000, 40000 active", "1"},
-    {"all switched off", "acpi mode disabled, temp 90000, 60000 hot", "0?"},
-    {"unreadable sensor", "acpi temp ?, 60000 hot", "0?"},
-    {"as hot as can be", "acpi temp 150000, 150000 critical", "4"},
-    {"hotter than can be", "acpi temp 150001, 60000 hot", "0?"},
-    {"as cold as can be", "acpi temp -40000, 60000 hot", "0"},
-    {"colder than can be", "acpi temp -40001, 60000 hot", "0?"},
-    {"no trip points", "acpi temp 90000", "0?"},
-    {"trip points that mean nothing", "acpi temp 90000, 0 hot, -1 hot, ? hot, 19999 hot, 150001 hot", "0?"},
-    {"just one that does", "acpi temp 90000, 19999 critical, 20000 hot", "3"},
-    {"of no known kind", "acpi temp 90000, 60000 mild, 60000 ?", "0?"},
-    {"millivolts", "vbat policy low_limits_floor, temp 60000, 33000 critical", "0?"},
-    {"percents",
-     "soc policy low_limits_cap, temp 99000, 20000 hot | acpi policy step_wise, temp 1, 40000 hot", "0"},
-};
-
+// Each row of readings.txt, which tells of their language.
 TEST(DeviceReadingsTest, FiguresOfEachTree) {
-  const struct {
-    const char* class_and_prefix;
-    std::initializer_list<std::string_view> keys;
-    std::span<const Row> rows;
-  } classes[] = {
-      {"power_supply/supply", {kCharged, kMaxCapacity, kPluggedIn, kFullyCharged}, kSupplies},
-      {"backlight/panel", {kBacklight}, kBacklights},
-      {"thermal/thermal_zone", {kThermalLevel}, kZones},
-  };
-  for (const auto& [class_and_prefix, keys, rows] : classes) {
-    for (const auto& [what, devices, expected] : rows) {
-      const FixtureTree tree;
-      addDevices(tree, class_and_prefix, devices);
-      EXPECT_EQ(Snapshot(tree).of(keys), expected) << class_and_prefix << ": " << what;
+  const std::map<std::string, std::vector<std::string_view>, std::less<>> keys = {
+      {"power_supply/supply", {kCharged, kMaxCapacity, kPluggedIn, kFullyCharged}},
+      {"backlight/panel", {kBacklight}},
+      {"thermal/thermal_zone", {kThermalLevel}}};
+  std::ifstream rows(VOLORN_READINGS);
+  auto of_class = keys.end();
+  int count = 0;
+  for (std::string line; std::getline(rows, line);) {
+    if (line.empty() || line[0] == '#') continue;
+    std::string_view row = line;
+    const std::string_view what = takeUntil(row, ": ");
+    if (what.starts_with("= ")) {
+      of_class = keys.find(what.substr(2));
+      ASSERT_NE(of_class, keys.end()) << what;
+      continue;
     }
+    const FixtureTree tree;
+    addDevices(tree, of_class->first, takeUntil(row, " => "));
+    EXPECT_EQ(Snapshot(tree).of(of_class->second), row) << line;
+    ++count;
   }
+  EXPECT_GT(count, 90);
 }
 
-TEST(DeviceReadingsTest, AStripOfKeysIsToldByItsName) {
-  const FixtureTree tree(R"(class/backlight/appletb_backlight/brightness 1
-class/backlight/appletb_backlight/max_brightness 2
-)");
-  EXPECT_EQ(Snapshot(tree).of({kBacklight}), "5000");
-  addDevices(tree, "backlight/panel", "? level 1/4");
-  EXPECT_EQ(Snapshot(tree).of({kBacklight}), "2500");
+// So they are on most kernels. What leads nowhere, to itself or back to its class is passed over.
+TEST(DeviceReadingsTest, EntriesMayBeLinks) {
+  const FixtureTree tree;
+  const std::pair<const char*, const char*> devices[] = {{"power_supply", "Battery charge 1/4"},
+                                                         {"backlight", "raw level 1/4"},
+                                                         {"thermal", "acpi temp 2, 20000 hot"}};
+  for (const auto& [name, device] : devices) {
+    const std::string folder = std::string("class/") + name + "/thermal_zone";
+    addDevices(tree, std::string("../devices/") + name, device);
+    for (const char* target : {"thermal_zone0", ".", "nowhere"}) {
+      std::filesystem::create_symlink(target,
+                                      tree.at(folder + std::to_string(std::size(std::string(target)))));
+    }
+    std::filesystem::create_symlink(tree.root() + "/devices/" + name + "0", tree.at(folder + "20"));
+  }
+  EXPECT_EQ(Snapshot(tree).of({kMaxCapacity, kBacklight, kThermalLevel}), "4 2500 0");
 }
 
 TEST(DeviceReadingsTest, AServerKnowsAllButWhatItLacks) {

@@ -8,8 +8,10 @@
 #include <sys/sysmacros.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <tuple>
 
 #include "platform/linux/file_descriptor.h"
 #include "tests/platform/linux/fixture_tree.h"
@@ -166,16 +168,39 @@ TEST_F(BuildIdsTest, AFileIsReadOnceUntilItChanges) {
 TEST(TrustedFileSystemsTest, AreTheKernelsOwnWhereTheyAreSeen) {
   TrustedFileSystems file_systems;
   const FileDescriptor self(open("/proc/self", O_PATH | O_CLOEXEC));
-  EXPECT_TRUE(file_systems.has(self.get(), 8, 1, 0)) << "a block device";
-  const FileDescriptor file(memfd_create("file", MFD_CLOEXEC));
+  const FileDescriptor memory(memfd_create("file", MFD_CLOEXEC));
+  struct stat of_memory = {};
+  struct stat of_proc = {};
+  fstat(memory.get(), &of_memory);
+  stat("/proc", &of_proc);
+  const std::tuple<const char*, dev_t, bool> rows[] = {{"a block device", makedev(8, 1), true},
+                                                       {"a file of memory", of_memory.st_dev, true},
+                                                       {"one that is mounted", of_proc.st_dev, true},
+                                                       {"one that is not", makedev(0, 0xFFFFF), false}};
+  for (const auto& [what, device, is_trusted] : rows) {
+    EXPECT_EQ(file_systems.has(self.get(), major(device), minor(device), 0), is_trusted) << what;
+  }
+}
+
+// One that stops answering holds up whoever opens a file of it.
+TEST_F(BuildIdsTest, AFileOfAFileSystemThatMayNotAnswerIsNotOpened) {
   struct stat status = {};
-  fstat(file.get(), &status);
-  EXPECT_TRUE(file_systems.has(self.get(), major(status.st_dev), minor(status.st_dev), 0))
-      << "a file of memory";
-  stat("/proc", &status);
-  EXPECT_TRUE(file_systems.has(self.get(), major(status.st_dev), minor(status.st_dev), 0))
-      << "one that is mounted";
-  EXPECT_FALSE(file_systems.has(self.get(), 0, 0xFFFFF, 0)) << "one that is not";
+  ASSERT_EQ(stat("/dev/shm", &status), 0);
+  const ElfWriter elf;
+  std::string path = "/dev/shm/volorn-test-XXXXXX";
+  const FileDescriptor file(mkstemp(path.data()));
+  const std::string content = elf.file(elf.note("GNU\0"s, NT_GNU_BUILD_ID, kId));
+  ASSERT_EQ(write(file.get(), content.data(), content.size()), std::ssize(content));
+  std::filesystem::create_symlink(path, tree_.at("exe"));
+  std::filesystem::create_symlink("/proc/self/ns/mnt", tree_.at("ns/mnt"));
+  for (const auto& [type, id] : {std::pair("tmpfs", kId.substr(0, 16)), {"fuse.x", kNone}}) {
+    const std::string device =
+        std::to_string(major(status.st_dev)) + ":" + std::to_string(minor(status.st_dev));
+    tree_.write("mountinfo", "36 35 " + device + " / /dev/shm rw - " + type + " me rw\n");
+    BuildIds fresh;
+    EXPECT_EQ(readWith(fresh), major(status.st_dev) == 0 ? id : kId.substr(0, 16)) << type;
+  }
+  unlink(path.c_str());
 }
 
 }  // namespace

@@ -1,10 +1,6 @@
 #include "platform/linux/linux_kernel.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,16 +8,12 @@
 #include <cstring>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <set>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
-#include "platform/linux/kernel/parse_elf.h"
-#include "platform/linux/kernel/parse_process_stat.h"
 #include "tests/platform/linux/fixture_tree.h"
 
 namespace volorn::linux_host {
@@ -32,7 +24,7 @@ using namespace std::string_literals;
 class LinuxKernelTest : public ::testing::Test {
  protected:
   LinuxKernelTest() {
-    tree_.write("stat", "cpu  1 2 3 4 5 6 7\n");
+    writeSystem(tree_);
     tree_.write("thread-self/sched", schedule("5500.0", 1));
   }
 
@@ -43,7 +35,7 @@ class LinuxKernelTest : public ::testing::Test {
 
   void writeProcess(int pid, const ProcessFixture& process) {
     process.write(tree_, pid);
-    tree_.write(std::to_string(pid) + "/comm", process.name + "\n");
+    tree_.write(std::to_string(pid) + "/comm", std::string(process.name) + "\n");
     tree_.write(std::to_string(pid) + "/cmdline", "run\0-x\0"s);
   }
 
@@ -225,15 +217,15 @@ TEST_F(LinuxKernelTest, WhatNobodyMayReadIsNotTakenForNone) {
   };
   EXPECT_FALSE(kernel_.notesOn(42));
   writeProcess(42, {});
-  tree_.write("42/auxv", std::string(8, '\0'));
+  std::filesystem::remove(tree_.at("42/smaps"));
   EXPECT_EQ(look(42), "1000 descriptors") << "of no source";
   tree_.write("42/maps", "");  // a file that knows no query
   tree_.write("42/pagemap", "");
-  tree_.write("42/smaps", "1000-3000 rw-p 00000000 00:00 0 \n");
+  writeProcess(42, {});
   EXPECT_EQ(look(42), "1000 regions descriptors");
-  tree_.write("42/auxv", "");
   writeProcess(42, {.start_ticks = 1001});
-  std::filesystem::remove(tree_.at("42/fd"));
+  tree_.write("42/auxv", "");
+  std::filesystem::remove_all(tree_.at("42/fd"));
   EXPECT_EQ(look(42), "1001") << "of a processor that is not known";
   writeProcess(42, {.start_ticks = 1002});
   tree_.write("42/status", "Uid:\t0\t0\t0\t0\nvoluntary_ctxt_switches:\t1\n");
@@ -359,10 +351,12 @@ TEST_F(LinuxKernelTest, ListsAreOfNumberedFoldersAndCutToTheRoom) {
 }
 
 TEST_F(LinuxKernelTest, TheWholeSystemIsShownInPagesAndBytes) {
-  tree_.write("meminfo",
-              "MemTotal: 4000 kB\nMemFree: 1000 kB\nActive: 600 kB\nInactive: 400 kB\nSwapTotal: 0 kB\n"
-              "SwapFree: 0 kB\n");
-  tree_.write("vmstat", "pgpgin 80\npgpgout 160\n");
+  std::ofstream(tree_.at("meminfo"), std::ios::app) << "SwapTotal: 0 kB\nSwapFree: 0 kB\n";
+  std::uint64_t memory_bytes = 0;
+  const std::int32_t memory_name[] = {6, 24};
+  std::size_t length_bytes = sizeof(memory_bytes);
+  ASSERT_EQ(kernel_.sysctl(memory_name, memory_bytes, length_bytes), 0);
+  EXPECT_EQ(memory_bytes, 4000U * 1024);
   std::uint64_t page_size = 0;
   ASSERT_EQ(kernel_.host_page_size(kernel_.mach_host_self(), page_size), kKernelSuccess);
   const std::uint64_t page_kib = page_size / 1024;
@@ -393,43 +387,6 @@ TEST_F(LinuxKernelTest, AnInterfaceListThatDoesNotFitFails) {
   --length;
   EXPECT_EQ(kernel_.sysctl(name, list.data(), length), -1);
   EXPECT_EQ(errno, ENOMEM);
-}
-
-// The process's own files then tell of no memory, no descriptors and no executable; those of its threads do.
-TEST(LiveProcessTest, AProcessOutlivesItsFirstThread) {
-  const pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
-    std::thread([] { pause(); }).detach();
-    syscall(SYS_exit, 0);  // this thread alone
-  }
-  std::string stat;
-  while (stat.find(") Z") == stat.npos) {
-    std::getline(std::ifstream("/proc/" + std::to_string(pid) + "/stat"), stat);
-  }
-  LinuxKernel kernel("/proc");
-  char name[16] = {};
-  PortName task = 0;
-  TaskResidentSize report = {};
-  TaskExtmodInfo id = {};
-  ProcTaskAllInfo all = {};
-  kernel.proc_name(pid, name, sizeof name);
-  kernel.proc_pidinfo(pid, all);
-  ASSERT_EQ(kernel.task_for_pid(kernel.mach_task_self(), pid, task), kKernelSuccess);
-  EXPECT_EQ(kernel.task_info(task, report), kKernelSuccess);
-  EXPECT_EQ(kernel.task_info(task, id), kKernelSuccess);
-  EXPECT_GT(report.resident_size, 100'000U);
-  EXPECT_NE(id.task_uuid, BuildId{});
-  // The executable is no shared library, which would be shown elsewhere.
-  const auto code = reinterpret_cast<std::uint64_t>(&parseProcessStat);
-  RegionTopInfo region = {};
-  std::uint64_t address = code;
-  std::uint64_t size = 0;
-  EXPECT_EQ(kernel.mach_vm_region(task, address, size, region), kKernelSuccess);
-  EXPECT_LE(address, code);
-  kill(pid, SIGKILL);
-  waitpid(pid, nullptr, 0);
 }
 
 }  // namespace

@@ -4,13 +4,13 @@
 #include <sys/stat.h>
 
 #include <functional>
+#include <random>
 #include <string>
 
-#include "platform/fake/fake_host.h"
 #include "platform/linux/state/schema.h"
 #include "platform/linux/state/state_reader.h"
-#include "platform/linux/state/state_services.h"
 #include "platform/snapshot_keys.h"
+#include "tests/platform/linux/state/daemon_state.h"
 #include "tests/temporary_folder.h"
 
 namespace volorn::linux_host {
@@ -19,24 +19,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kDomain = "domain";
-
-// The state bindings of one run of the daemon on the folder.
-struct DaemonState {
-  explicit DaemonState(const std::string& folder, double now = 1000.0, OnDamage on_damage = OnDamage::kThrow)
-      : directory(folder), state_file(directory, host.clock, host.system_log, on_damage) {
-    host.clock.seconds_since_1970 = now + kReferenceDateSecondsSince1970;
-  }
-
-  const std::vector<std::string>& log() const { return host.system_log.lines; }
-
-  fake::FakeHost host;
-  StateDirectory directory;
-  StateFile state_file;
-  LinuxPreferencesStore preferences{state_file};
-  StandIns stand_ins;
-  LinuxMetricStore metrics{state_file, host.clock, stand_ins};
-  LinuxWaketide waketide{state_file};
-};
 
 void takeSnapshot(const std::string& folder, double now, std::int64_t value) {
   DaemonState run(folder, now);
@@ -164,6 +146,14 @@ Change executes(std::string statements) {
   return [=](const TemporaryFolder& folder) { openByHand(folder).execute(statements.c_str()); };
 }
 
+Change edits(void (*edit)(std::string& bytes)) {
+  return [=](const TemporaryFolder& folder) {
+    std::string bytes = folder.read(kStateFileName);
+    edit(bytes);
+    folder.write(kStateFileName, bytes);
+  };
+}
+
 Change cutTo(std::uintmax_t bytes) {
   return [=](const TemporaryFolder& folder) { fs::resize_file(folder / kStateFileName, bytes); };
 }
@@ -203,6 +193,12 @@ const struct {
     {"cut within a page", cutTo(9000)},
     {"another program's database", executes("PRAGMA application_id = 1")},
     {"a schema older than any of ours", executes("PRAGMA user_version = 0")},
+    {"a trigger that does not end",
+     executes("CREATE TRIGGER t AFTER INSERT ON preference BEGIN UPDATE upkeep SET done_at = (WITH RECURSIVE "
+              "n(i) AS (VALUES (1) UNION ALL SELECT i + 1 FROM n) SELECT max(i) FROM n); END")},
+    {"a schema that is no SQL",
+     edits([](auto& bytes) { bytes[bytes.find("CREATE TABLE job (") + 17] = '['; })},
+    {"a header that lets nobody write", edits([](auto& bytes) { bytes[18] = 3; })},
     {"a table gone", executes("DROP TABLE preference")},
     {"a table with other columns",
      executes("DROP TABLE metric_key; CREATE TABLE metric_key (number INTEGER)")},
@@ -254,6 +250,42 @@ TEST(StateFileTest, AFileThatCannotBeUsedIsKept) {
   }
 }
 
+// Whatever bytes of file and journal are others, a run is kept or told to be lost, or it is on a fresh file.
+TEST(StateFileTest, AnyDamageIsTakenForDamage) {
+  const TemporaryFolder original;
+  takeSnapshot(original.path(), 1000, 1);
+  openByHand(original).execute("PRAGMA journal_mode = PERSIST; DELETE FROM preference");
+  std::mt19937 random(1);
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    SCOPED_TRACE(attempt);
+    const TemporaryFolder folder;
+    for (const char* name : {kStateFileName, "volorn.db-journal"}) {
+      std::string bytes = original.read(name);
+      for (int change = 0; change < 8; ++change) bytes[random() % bytes.size()] = static_cast<char>(random());
+      if (attempt % 4 == 0) bytes.resize(random() % bytes.size());
+      folder.write(name, bytes);
+    }
+    bool was_damaged = false;
+    try {
+      takeSnapshot(folder.path(), 2000, 2);
+    } catch (const StateFileDamaged&) {
+      was_damaged = true;
+      StateDirectory directory(folder.path());
+      directory.enter();
+      directory.setStateFileAside(Date::fromSecondsSinceReferenceDate(2000));
+    }
+    if (was_damaged) takeSnapshot(folder.path(), 2000, 2);
+    try {
+      const auto newest = StateReader(folder.path()).newestSnapshot();
+      if (was_damaged) {
+        EXPECT_EQ(newest.value().metrics.at(0).second, 2);
+      }
+    } catch (const StateUnreadable&) {
+      EXPECT_FALSE(was_damaged);
+    }
+  }
+}
+
 // A page that no statement of a run meets is damaged without being noticed until it is looked for.
 TEST(StateFileTest, LooksForHiddenDamageEveryThirtyDays) {
   constexpr double kDay = 86400.0;
@@ -268,18 +300,6 @@ TEST(StateFileTest, LooksForHiddenDamageEveryThirtyDays) {
     DaemonState run(folder.path(), now);
     EXPECT_THROW(run.preferences.copyValue(kDomain, "value"), StateFileDamaged) << now;
   }
-}
-
-TEST(StateFileTest, AFileWhereTheFolderShouldBe) {
-  const TemporaryFolder folder;
-  folder.write("file", "kept");
-  for (const char* path : {"file", "file/below"}) {
-    DaemonState run((folder / path).string());
-    run.preferences.setValue(kDomain, "value", std::int64_t{1});
-    ASSERT_EQ(run.log().size(), 1U);
-    EXPECT_NE(run.log()[0].find("Not a directory"), std::string::npos) << run.log()[0];
-  }
-  EXPECT_EQ(folder.read("file"), "kept");
 }
 
 // Another program's lock within the file: reads go on, and the plan in the file is still heeded.
