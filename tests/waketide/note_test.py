@@ -27,6 +27,7 @@ class Machine:
         self.years = itertools.cycle(["+0", "+1y"])  # by which its clock is wrong
         self.plugged_in = True
         self.usage = self.standby = 0
+        self.slack = 1  # by how much a mark may come later than what it marks
         self.since = time.monotonic()
         supplies = host.SYS_CLASS / "power_supply"
         for name, kind in (("AC", "Mains"), ("BAT0", "Battery")):
@@ -55,9 +56,11 @@ class Machine:
             self.usage = self.standby = 0
 
     def note(self, *words):
+        began = time.monotonic()
         fake = {**os.environ, "FAKETIME_DONT_FAKE_MONOTONIC": "1"}
         ended = host.run("faketime", "-f", next(self.years), *self.command(*NOTE, *words), env=fake)
         self.test.assertEqual(ended, (0, "", ""))
+        self.slack += time.monotonic() - began
 
     def sleep(self, seconds):
         self.offsets["boottime"] += seconds
@@ -95,10 +98,12 @@ class NoteTest(host.Test):
 
     def assertKnown(self):
         self.machine.count()
+        least = self.machine.usage - self.machine.slack
         usage, standby = self.machine.look()
+        self.machine.count()
         _, shown, _ = host.run(*self.machine.command(host.VOLORNCTL, "status"))
         self.assertRegex(shown, "On battery .* in use, .* in standby since the last full charge")
-        self.assertAlmostEqual(usage, self.machine.usage, delta=1)
+        self.assertTrue(least <= usage <= self.machine.usage + self.machine.slack, (least, usage))
         self.assertAlmostEqual(standby, self.machine.standby, delta=1)
 
     def begin(self, asleep=1000):
