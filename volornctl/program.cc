@@ -83,6 +83,10 @@ int run(int argc, const char* const* argv, Surroundings& surroundings) {
   } catch (const CLI::CallForVersion& version) {
     surroundings.output.write(std::string(version.what()) + "\n");
     return kDone;
+  } catch (const CLI::ArgumentMismatch& mismatch) {
+    // The parser's own text lists what the option takes, as it lists it nowhere else.
+    const std::string text = mismatch.what();
+    throw CLI::ValidationError(text.substr(0, text.find(':')), "its value is missing");
   } catch (const CLI::ExtrasError&) {
     std::vector<const CLI::App*> parsers = {&program};
     for (const CLI::App* command : program.get_subcommands()) parsers.push_back(command);

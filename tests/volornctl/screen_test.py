@@ -132,7 +132,7 @@ class ScreenTest(unittest.TestCase):
             (["t", "H"], r"kworker/0:1"),
             (["H", "/", "BUS"], r"Command\n *40 [^\n]*\n\n(.*\n)*Name: BUS_"),
             (["BSpace", "BSpace", "BSpace", "h", "Escape"], r"Command\n *40 .*\n *1 "),
-            (["u", "user1001", "Enter"], r"user: user1001\n(.*\n)* *PID .*\n *43 .*\n4194303 "),
+            (["u", "user1001", "Enter"], r"user: user1001 .*\n(.*\n)* *PID .*\n *43 .*\n4194303 "),
             (["u", "Enter", "+"], r"every 2 s"),
             (["-", "-"], r"every 0.5 s"),
             ([" "], r"PAUSED"),
@@ -152,8 +152,11 @@ class ScreenTest(unittest.TestCase):
         terminal.wait("status 0")
 
     def test_it_follows_its_size(self):
-        terminal = self.start(f"{SCRIPTED} 0 50")
-        terminal.wait(FIRST)
+        terminal = self.start(f"{SCRIPTED} 0 50", size=(40, 6))
+        terminal.wait(r" 40 user1000 +100\.0!")
+        terminal.type("u", "user1001", "Enter")  # none of them on the screen
+        terminal.wait(r"^volornctl top  user: user1001 .*\n.*\n.*\n *43 user1001 ")
+        terminal.type("u", "Enter")
         for columns, lines in ((40, 10), (20, 3), (1, 1), (200, 50), (80, 24)):
             terminal.run("resize-window", "-x", str(columns), "-y", str(lines))
         screen = terminal.wait(r"(?s)^volornctl top .* Threads Command *\n.*q: leave")
@@ -192,6 +195,12 @@ class ScreenTest(unittest.TestCase):
         terminal.wait(FIRST)
         terminal.type("N")
         terminal.wait(r"ordered by pid")
+
+    def test_a_terminal_with_one_screen(self):
+        terminal = self.start(f"env TERM=vt100 {SCRIPTED} 2 0")
+        terminal.wait(FIRST)
+        os.kill(terminal.pid(), signal.SIGTERM)
+        terminal.wait(r"(?m)^status 0\n")
 
     def test_where_there_is_no_screen(self):
         """A terminal that cannot move its cursor is sent blocks."""

@@ -22,7 +22,7 @@ using linux_host::FileBuffer;
 using linux_host::FileDescriptor;
 using linux_host::Mapping;
 
-constexpr std::size_t kMostArgumentBytes = 4096;  // no screen is wider
+constexpr std::size_t kMostArgumentBytes = 4096;
 constexpr std::size_t kMostThreads = 1000;
 
 enum Kind { kCode, kFilePrivate, kFileShared, kAnonymous, kAnonymousShared, kHuge };
@@ -60,16 +60,25 @@ class LiveLookups : public Lookups {
     for (const std::uint32_t uid : wanted.users) {
       found.users[uid] = userNameOf(uid).value_or(std::to_string(uid));
     }
-    for (const ProcessId& id : wanted.command_lines) found.command_lines[id] = readCommandLine(id.pid);
+    for (const ProcessId& id : wanted.command_lines) found.command_lines[id] = readCommandLine(id);
     if (wanted.opened) found.opened = readProcess(*wanted.opened);
     return found;
   }
 
  private:
-  static std::string folderOf(std::int32_t pid) { return "/proc/" + std::to_string(pid); }
+  // None where it has ended, though another may have its pid.
+  FileDescriptor folderOf(const ProcessId& id) {
+    FileDescriptor folder(
+        open(("/proc/" + std::to_string(id.pid)).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder || buffer_.readRecord(folder.get(), "stat") != 0) return FileDescriptor();
+    const auto stat = linux_host::parseProcessStat(buffer_.text());
+    const bool is_same = stat && static_cast<std::int64_t>(stat->start_ticks) == id.start;
+    return is_same ? std::move(folder) : FileDescriptor();
+  }
 
-  std::string readCommandLine(std::int32_t pid) {
-    if (buffer_.read(AT_FDCWD, (folderOf(pid) + "/cmdline").c_str(), kMostArgumentBytes) != 0) return "";
+  std::string readCommandLine(const ProcessId& id) {
+    const FileDescriptor folder = folderOf(id);
+    if (!folder || buffer_.read(folder.get(), "cmdline", kMostArgumentBytes) != 0) return "";
     std::string text(buffer_.text());
     while (!text.empty() && text.back() == '\0') text.pop_back();
     std::ranges::replace(text, '\0', ' ');
@@ -78,7 +87,7 @@ class LiveLookups : public Lookups {
 
   OpenedProcess readProcess(const ProcessId& id) {
     OpenedProcess process{.id = id};
-    const FileDescriptor folder(open(folderOf(id.pid).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const FileDescriptor folder = folderOf(id);
     if (!folder) return process;
     const FileDescriptor tasks(openat(folder.get(), "task", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     std::vector<std::int32_t> ids;

@@ -50,14 +50,18 @@ struct OpenedProcess {
 // What samples do not hold: it is looked up for what is on the screen alone.
 struct Found {
   UserNames users = {};
-  std::map<ProcessId, std::string> command_lines = {};  // arguments with blanks between; empty: there is none
+  std::map<ProcessId, std::string> command_lines =
+      {};  // arguments with blanks between; empty: there are none
   std::optional<OpenedProcess> opened = std::nullopt;
 };
 
 struct Wanted {
   std::set<std::uint32_t> users = {};
   std::set<ProcessId> command_lines = {};
-  std::optional<ProcessId> opened = std::nullopt;  // looked up each time it is wanted
+  std::optional<ProcessId> opened = std::nullopt;
+
+  // A process may write its arguments anew, or begin another program; and all of it changes with time.
+  bool changes() const { return opened || !command_lines.empty(); }
 
   bool operator==(const Wanted&) const = default;
 };

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <string_view>
 
+#include "volornctl/live/process_columns.h"
 #include "volornctl/text/graph.h"
 #include "volornctl/text/number_text.h"
 
@@ -49,7 +50,7 @@ MachineLine memoryLine(const Sample& sample) {
   std::optional<double> used;
   if (sample.available_bytes) used = total - static_cast<double>(*sample.available_bytes);
   return {"Memory",
-          {"total " + size(sample.total_bytes), "available " + size(sample.available_bytes),
+          {"available " + size(sample.available_bytes), "total " + size(sample.total_bytes),
            "wired " + size(sample.wired_bytes), "free " + size(sample.free_bytes),
            "active " + size(sample.active_bytes), "inactive " + size(sample.inactive_bytes)},
           used && total - *used < total * kShortShare,
@@ -71,11 +72,14 @@ MachineLine swapLine(const Sample& sample) {
 MachineLine tasksLine(const Sample& sample) {
   std::uint32_t tasks = 0;
   for (const std::uint32_t count : sample.state_counts) tasks += count;
-  std::vector<std::string> fields = {to_string(tasks), to_string(sample.threads) + " threads"};
-  for (std::uint32_t state = kProcessRunning; state <= kProcessUnknown; ++state) {
+  std::vector<std::string> fields = {to_string(tasks)};
+  for (const std::uint32_t state : {kProcessRunning, kProcessUninterruptible, kProcessStopped, kProcessHalted,
+                                    kProcessSleeping, kProcessIdle, kProcessUnknown}) {
     const std::uint32_t count = sample.state_counts[state];
-    if (count > 0 || state == kProcessRunning) fields.push_back(to_string(count) + " " + stateName(state));
+    if (count == 0 && state != kProcessRunning) continue;
+    fields.push_back(to_string(count) + " " + shortStateName(state));
   }
+  fields.push_back(to_string(sample.threads) + " threads");
   return {"Tasks", std::move(fields), false, sample.state_counts[kProcessRunning], 0};
 }
 

@@ -48,11 +48,6 @@ std::string processorTimeText(double seconds) {
   return text;
 }
 
-// A column's width holds it.
-const char* shortStateName(std::uint32_t state) {
-  return state == kProcessUninterruptible ? "blocked" : stateName(state);
-}
-
 // None for texts, and for what is not known.
 std::optional<double> numberIn(const ProcessFigures& process, Column column) {
   const auto number = [](const auto& value) { return static_cast<double>(value); };
@@ -109,6 +104,10 @@ std::optional<Column> columnNamed(std::string_view name) {
   const auto* found = std::ranges::find(kColumns, name, &ColumnTraits::name);
   if (found == kColumns.end()) return std::nullopt;
   return static_cast<Column>(found - kColumns.begin());
+}
+
+const char* shortStateName(std::uint32_t state) {
+  return state == kProcessUninterruptible ? "blocked" : stateName(state);
 }
 
 std::string userText(std::uint32_t uid, const UserNames& names) {

@@ -72,6 +72,9 @@ std::vector<std::string> columnNames();
 // None for a name that no column has.
 std::optional<Column> columnNamed(std::string_view name);
 
+// As people read it, and short enough for a column: "blocked" for an uninterruptible one.
+const char* shortStateName(std::uint32_t state);
+
 // By user id.
 using UserNames = std::map<std::uint32_t, std::string>;
 

@@ -57,14 +57,15 @@ const char* threadStateName(char state) {
 
 using Figures = std::vector<std::pair<std::string, std::string>>;
 
-Figures moreFigures(const MoreFigures& more) {
+Figures moreFigures(const MoreFigures& more, bool regions_are_known) {
+  const auto known = [=](std::string text) { return regions_are_known ? std::move(text) : "-"; };
   return {{"Group", std::to_string(more.group)},
           {"Running threads", std::to_string(more.running_threads)},
-          {"Regions", std::to_string(more.regions)},
-          {"Shared", size(more.shared_bytes)},
-          {"Private, virtual", size(more.private_virtual_bytes)},
-          {"Untouched", size(more.untouched_bytes)},
-          {"Own in libraries", size(more.libraries_bytes)},
+          {"Regions", known(std::to_string(more.regions))},
+          {"Shared", known(size(more.shared_bytes))},
+          {"Private, virtual", known(size(more.private_virtual_bytes))},
+          {"Untouched", known(size(more.untouched_bytes))},
+          {"Own in libraries", known(size(more.libraries_bytes))},
           {"Kernel memory", size(more.kernel_bytes)}};
 }
 
@@ -93,7 +94,8 @@ void ProcessPage::addFigures(std::vector<FrameLine>& lines, std::size_t max_colu
     figures.emplace_back(kColumns[i].heading, cellText(figures_, static_cast<Column>(i), now_, users));
   }
   if (figures_.more) {
-    for (auto& figure : moreFigures(*figures_.more)) figures.push_back(std::move(figure));
+    for (auto& figure : moreFigures(*figures_.more, figures_.private_bytes.has_value()))
+      figures.push_back(std::move(figure));
   }
   const std::size_t pairs = std::max<std::size_t>(1, max_columns / kPairColumns);
   const std::size_t rows = (figures.size() + pairs - 1) / pairs;
@@ -166,14 +168,17 @@ std::vector<FrameLine> ProcessPage::lines(std::size_t max_columns, bool unicode,
   const std::string title = "Process " + std::to_string(figures_.pid) + "  " + escaped(figures_.command);
   std::vector<FrameLine> lines = {{{.text = title, .style = Style::kStrong}}};
   if (has_ended_) lines.back().push_back({.text = "  has ended!", .style = Style::kAlarm});
-  if (!command_line.empty()) lines.push_back({{.text = escaped(command_line)}});
+  const std::vector<std::string> of_command = wrapped(escaped(command_line), max_columns);
+  if (!command_line.empty()) lines.push_back({{.text = of_command.front()}});
   lines.push_back({});
   addFigures(lines, max_columns, users);
   addGraphs(lines, max_columns, unicode);
-  if (opened_) {
-    addRegions(lines);
-    addThreads(lines);
+  if (opened_) addRegions(lines);
+  if (of_command.size() > 1) addTable(lines, {{{.text = "Command line"}}});
+  for (const std::string& line : of_command) {
+    if (of_command.size() > 1) lines.push_back({{.text = line}});
   }
+  if (opened_) addThreads(lines);
   return lines;
 }
 

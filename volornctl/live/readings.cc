@@ -81,7 +81,8 @@ const ProcessReading* findSame(const MachineReading& reading, const ProcessReadi
 }
 
 double secondsOf(const TimeStamp& time) {
-  return static_cast<double>(time.seconds) + static_cast<double>(time.microseconds) * 1e-6;
+  // One rounding, so that 0.4 s is told as 0.4.
+  return static_cast<double>(time.seconds * 1'000'000 + time.microseconds) / 1e6;
 }
 
 MoreFigures moreOf(const ProcessSample& psamp) {

@@ -79,13 +79,14 @@ class Loop {
     }
   }
 
-  // What a process is made of is looked up again after each sample.
+  // What changes is looked up again after each sample.
   void lookUp() {
     const Wanted wanted = screen_.wanted();
-    const bool is_other = wanted != asked_;
-    if (!lookups_ || wanted == Wanted() || (!is_other && (is_asked_ || !is_new_ || !wanted.opened))) return;
+    const bool is_other = wanted != std::exchange(asked_, wanted);
+    if (!lookups_ || wanted == Wanted() || (!is_other && (is_asked_ || !is_new_ || !wanted.changes()))) {
+      return;
+    }
     lookups_->want(wanted);
-    asked_ = wanted;
     is_asked_ = true;
     is_new_ = false;
   }

@@ -1,12 +1,12 @@
 // What the screen of `top` shows. What its keys do is in top_screen.cc.
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <string_view>
 #include <utility>
 
 #include "volornctl/live/top_screen.h"
 #include "volornctl/text/columns.h"
-#include "volornctl/text/number_text.h"
 #include "volornctl/text/table.h"
 #include "volornctl/text/time_text.h"
 
@@ -17,26 +17,47 @@ constexpr std::size_t kLabelColumns = 12;
 constexpr std::size_t kLeastGraphColumns = 8;
 constexpr double kBusyPercent = 90;
 
-constexpr std::array kHelp = {
-    "Up, Down, Page Up, Page Down, Home, End   move the selected row, which follows its process",
-    "Enter      everything about the selected process; Escape comes back",
-    "P M T N    order by processors, memory, time, process id",
-    "< >        order by the column before or behind",
-    "R          turn the order round",
-    "/          only processes whose names hold what is typed; Escape ends it",
-    "u          only processes of a user, by name or number; nothing: of all",
-    "H          show or hide the kernel's own threads",
-    "t          children below their parents",
-    "c          command lines in place of names",
-    "Space      pause",
-    "+ -        a longer or a shorter time between samples",
-    "?          this help",
-    "q          leave",
-    "",
-    "100 % is one processor. K, M, G are 1024, 1024 K, 1024 M bytes. A dash: not known, or not yet.",
-    "Private: resident and nobody else's. Blocked: waits for a device, uninterruptible. Halted: a zombie.",
-    "! marks what is busy, short or hot.",
+struct HelpLine {
+  const char* keys;  // null: not of a key
+  const char* text;
 };
+
+constexpr std::array kHelp = {
+    HelpLine{"arrows",
+             "move the selected row, which follows its process, as do Page Up, Page Down, Home and End"},
+    HelpLine{"Enter", "everything about the selected process; Escape comes back"},
+    HelpLine{"P M T N", "order by processors, memory, time, process id"},
+    HelpLine{"< >", "order by the column before or behind"},
+    HelpLine{"R", "turn the order round"},
+    HelpLine{"/", "only processes whose names hold what is typed; Escape ends it"},
+    HelpLine{"u", "only processes of a user, by name or number; nothing: of all"},
+    HelpLine{"H", "show or hide the kernel's own threads"},
+    HelpLine{"t", "children below their parents"},
+    HelpLine{"c", "command lines in place of names"},
+    HelpLine{"Space", "pause"},
+    HelpLine{"+ -", "a longer or a shorter time between samples"},
+    HelpLine{"?", "this help"},
+    HelpLine{"q", "leave"},
+    HelpLine{nullptr, ""},
+    HelpLine{nullptr, "100 % is one processor. K, M, G are 1024, 1024 K, 1024 M bytes."},
+    HelpLine{nullptr, "A dash: not known, or not yet. Private: resident and nobody else's."},
+    HelpLine{nullptr, "Blocked: waits for a device, uninterruptible. Halted: a zombie."},
+    HelpLine{nullptr, "! marks what is busy, short or hot."},
+};
+
+std::vector<FrameLine> helpLines(std::size_t max_columns) {
+  constexpr std::size_t kKeyColumns = 9;
+  std::vector<FrameLine> lines;
+  for (const HelpLine& line : kHelp) {
+    const std::size_t beside = line.keys ? kKeyColumns : 0;
+    std::string keys = line.keys ? line.keys : "";
+    for (std::string& text : wrapped(line.text, max_columns - std::min(max_columns, beside))) {
+      lines.push_back({{.text = padded(std::exchange(keys, ""), beside), .style = Style::kStrong},
+                       {.text = std::move(text)}});
+    }
+  }
+  return lines;
+}
 
 // Cuts the line where the screen ends.
 void cut(FrameLine& line, std::size_t max_columns) {
@@ -64,19 +85,25 @@ std::string TopScreen::plain(std::string text) const {
   return ascii;
 }
 
-std::string TopScreen::titleText() const {
-  std::string text = "volornctl top  " + (sample_ ? utcTime(sample_->at) : "taking the first sample");
-  text += "  every " + decimalText(interval_seconds_, interval_seconds_ < 1 ? 1 : 0) + " s";
+// What is unusual comes first, so that a narrow screen has it.
+FrameLine TopScreen::titleLine() const {
+  std::string text;
   if (!choice_.name.empty()) text += "  name: " + escaped(choice_.name);
   if (!choice_.user.empty()) text += "  user: " + escaped(choice_.user);
   if (choice_.uid) text += "  user: " + userText(*choice_.uid, users_);
-  return text;
+  if (choice_.order != Column::kCpu) text += std::string("  by ") + traitsOf(choice_.order).name;
+  text += "  " + (sample_ ? utcTime(sample_->at) : "taking the first sample");
+  char seconds[32];
+  std::snprintf(seconds, sizeof seconds, "%.7g", interval_seconds_);
+  text += std::string("  every ") + seconds + " s";
+  return {{.text = "volornctl top", .style = Style::kStrong},
+          {.text = is_paused_ ? "  PAUSED" : "", .style = Style::kAlarm},
+          {.text = plain(std::move(text)), .style = Style::kStrong}};
 }
 
 void TopScreen::addHead(Frame& frame, const Room& room) const {
   const std::size_t most_lines = std::max<std::size_t>(room.rows / 3, 2);
-  frame.lines.push_back({{.text = titleText(), .style = Style::kStrong}});
-  if (is_paused_) frame.lines.back().push_back({.text = "  PAUSED", .style = Style::kAlarm});
+  frame.lines.push_back(titleLine());
   if (!sample_) return;
   std::vector<MachineLine> lines = machineLines(*sample_);
   if (lines.size() + 1 > most_lines)
@@ -84,20 +111,20 @@ void TopScreen::addHead(Frame& frame, const Room& room) const {
   const auto text_of = [](const MachineLine& line, std::size_t max_columns) {
     std::string text;
     for (const std::string& field : line.fields) {
-      const std::size_t columns = columnsOf(text) + columnsOf(field) + 2;
-      if (!text.empty() && columns > max_columns) break;
-      text += (text.empty() ? "" : "  ") + field;
+      const std::string more = (text.empty() ? "" : "  ") + field;
+      if (columnsOf(text) + columnsOf(more) > max_columns) break;
+      text += more;
     }
     return text;
   };
-  // Graphs begin below each other, where the longest text ends, but have a third of the room at least.
-  const std::size_t most_text =
-      std::max<std::size_t>(room.columns * 2 / 3, kLabelColumns + 1) - kLabelColumns;
+  // Graphs begin below each other, where the longest text ends, but have a quarter of the room at least.
+  const std::size_t quarter = room.columns / 4;
+  const std::size_t not_text = kLabelColumns + (quarter >= kLeastGraphColumns ? quarter + 2 : 0);
+  const std::size_t most_text = room.columns - std::min(room.columns, not_text);
   std::size_t text_columns = 0;
   for (const MachineLine& line : lines) {
     text_columns = std::max(text_columns, columnsOf(text_of(line, most_text)));
   }
-  text_columns = std::min(text_columns, most_text);
   const std::size_t taken = kLabelColumns + text_columns + 2;
   const std::size_t graph_columns = room.columns > taken ? room.columns - taken : 0;
   for (const MachineLine& line : lines) {
@@ -129,7 +156,8 @@ std::array<std::size_t, kColumns.size()> TopScreen::columnWidths(std::size_t beg
   std::array<std::size_t, kColumns.size()> widths = {};
   for (std::size_t i = 0; i < widths.size(); ++i) {
     const ColumnTraits& column = kColumns[i];
-    widths[i] = std::max(column.width, std::string_view(column.heading).size());
+    const std::size_t sign = static_cast<Column>(i) == choice_.order ? 1 : 0;
+    widths[i] = std::max(column.width, std::string_view(column.heading).size() + sign);
     for (std::size_t place = begin; !column.is_text && place < end; ++place) {
       const auto text = cellText(*list_[place].process, static_cast<Column>(i), sample_->at, users_);
       widths[i] = std::max(widths[i], columnsOf(text));
@@ -148,9 +176,9 @@ FrameLine TopScreen::headingLine(const std::vector<Column>& columns, std::size_t
     const bool is_falling = traits.most_first != choice_.is_reversed;
     std::string sign = is_falling ? "▼" : "▲";
     if (!unicode_) sign = is_falling ? "v" : "^";
-    if (!is_order) sign = " ";
-    const std::string text = is_last ? traits.heading : padded(traits.heading, width, !traits.is_text);
-    line.push_back({.text = text + sign, .style = is_order ? Style::kSelected : Style::kHeading});
+    std::string text = traits.heading + (is_order ? sign : "");
+    if (!is_last) text = padded(text, width, !traits.is_text) + " ";
+    line.push_back({.text = std::move(text), .style = is_order ? Style::kSelected : Style::kHeading});
   }
   std::size_t taken = 0;
   for (const Span& span : line) taken += columnsOf(span.text);
@@ -204,7 +232,7 @@ std::string TopScreen::promptText() const {
     case Mode::kUser:
       return "User: " + escaped(typed_) + "_";
     case Mode::kProcess:
-      return "Escape: back";
+      return std::string(is_paused_ ? "PAUSED  " : "") + "Escape: back  Up, Down, Page: move  Space: pause";
     case Mode::kHelp:
       return "any key: back";
     case Mode::kList:
@@ -226,7 +254,7 @@ Frame TopScreen::draw(const Room& room) {
       lines = page_->lines(room.columns, unicode_, users_,
                            command_line == command_lines_.end() ? "" : command_line->second);
     } else {
-      for (const char* line : kHelp) lines.push_back({{.text = line}});
+      lines = helpLines(room.columns);
     }
     rows_ = room.rows > 1 ? room.rows - 1 : 1;
     page_lines_ = lines.size();
@@ -239,7 +267,7 @@ Frame TopScreen::draw(const Room& room) {
     if (sample_) addList(frame, room);
   }
   frame.lines.resize(std::max<std::size_t>(room.rows, 1) - 1);
-  frame.lines.push_back({{.text = promptText(), .style = Style::kFaint}});
+  frame.lines.push_back({{.text = plain(promptText()), .style = Style::kFaint}});
   for (FrameLine& line : frame.lines) cut(line, room.columns);
   return frame;
 }

@@ -36,7 +36,9 @@ void TopScreen::take(std::shared_ptr<const Sample> sample) {
 
 void TopScreen::take(const Found& found) {
   for (const auto& [uid, name] : found.users) users_[uid] = name;
-  for (const auto& [id, text] : found.command_lines) command_lines_[id] = text;
+  for (const auto& [id, text] : found.command_lines) {
+    if (!text.empty()) command_lines_[id] = text;  // that of a process that has ended stays
+  }
   if (page_ && found.opened) page_->take(*found.opened);
   if (!found.users.empty()) relist();
 }
@@ -247,8 +249,8 @@ void TopScreen::pressInPage(const Key& key) {
       first_line_ = most;
       break;
     case KeyName::kCharacter:
-      if (key.text == " ") is_paused_ = !is_paused_;
-      if (key.text != "q" && mode_ == Mode::kProcess) return;
+      if (mode_ == Mode::kProcess && key.text == " ") is_paused_ = !is_paused_;
+      if (mode_ == Mode::kProcess && key.text != "q") return;
       [[fallthrough]];
     default:
       mode_ = Mode::kList;
@@ -273,13 +275,16 @@ Wanted TopScreen::wanted() const {
   for (std::size_t i = first_row_; i < list_.size() && i < first_row_ + rows_; ++i) {
     const ProcessFigures& process = *list_[i].process;
     if (!users_.contains(process.uid)) wanted.users.insert(process.uid);
-    if (shows_command_lines_ && !command_lines_.contains(idOf(process))) {
-      wanted.command_lines.insert(idOf(process));
-    }
+    if (shows_command_lines_) wanted.command_lines.insert(idOf(process));
+  }
+  // Who is chosen or ordered by name has to be known by it, on the screen or not.
+  const bool needs_users = !choice_.user.empty() || choice_.order == Column::kUser;
+  for (const ProcessFigures& process : sample_->processes) {
+    if (needs_users && !users_.contains(process.uid)) wanted.users.insert(process.uid);
   }
   if (page_) {
     wanted.opened = page_->id();
-    if (!command_lines_.contains(page_->id())) wanted.command_lines.insert(page_->id());
+    wanted.command_lines.insert(page_->id());
   }
   return wanted;
 }

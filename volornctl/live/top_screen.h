@@ -36,7 +36,7 @@ class TopScreen {
   double intervalSeconds() const { return interval_seconds_; }
   bool isPaused() const { return is_paused_; }
 
-  // What the frame drawn last lacks.
+  // What the frame drawn last lacks, and what in it may be another by now.
   Wanted wanted() const;
 
  private:
@@ -60,7 +60,7 @@ class TopScreen {
   std::array<std::size_t, kColumns.size()> columnWidths(std::size_t begin, std::size_t end) const;
   std::string commandText(const ProcessRow& row) const;
   std::string promptText() const;
-  std::string titleText() const;
+  FrameLine titleLine() const;
   std::string plain(std::string text) const;
 
   ProcessChoice choice_;

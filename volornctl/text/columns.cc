@@ -64,6 +64,21 @@ std::string_view beginning(std::string_view text, std::size_t max_columns) {
   return text.substr(0, end);
 }
 
+std::vector<std::string> wrapped(std::string_view text, std::size_t max_columns) {
+  std::vector<std::string> lines;
+  while (columnsOf(text) > max_columns) {
+    std::string_view line = beginning(text, max_columns);
+    if (line.empty()) line = firstCharacter(text);
+    const std::size_t blank = text.substr(0, line.size() + 1).rfind(' ');
+    if (blank != std::string_view::npos && blank > 0) line = text.substr(0, blank);
+    lines.emplace_back(line);
+    text.remove_prefix(line.size());
+    if (text.starts_with(' ')) text.remove_prefix(1);
+  }
+  lines.emplace_back(text);
+  return lines;
+}
+
 std::string padded(std::string_view text, std::size_t columns, bool right) {
   std::string shown(beginning(text, columns));
   const std::size_t blanks = columns - std::min(columns, columnsOf(shown));

@@ -162,7 +162,10 @@ class Terminal : public CursesTerminal {
 
  private:
   static std::string leaveText() {
-    return capability("sgr0") + capability("cnorm") + capability("rmkx") + capability("rmcup");
+    std::string back = capability("rmcup");
+    // Where the screen stays as it is, its last line makes room for what follows.
+    if (back.empty()) back = "\r" + capability("el");
+    return capability("sgr0") + capability("cnorm") + capability("rmkx") + back;
   }
 
   void fitRoom() {

@@ -120,10 +120,6 @@ HeldTerminal::~HeldTerminal() {
   pthread_sigmask(SIG_SETMASK, &mask_before_, nullptr);
 }
 
-bool HeldTerminal::hasKeyboard() const {
-  return held.keyboard_fd >= 0;
-}
-
 HeldTerminal::Event HeldTerminal::wait(const std::vector<int>& fds) {
   std::vector<pollfd> polled = {{.fd = held.keyboard_fd, .events = POLLIN, .revents = 0}};
   for (const int fd : fds) polled.push_back({.fd = fd, .events = POLLIN, .revents = 0});

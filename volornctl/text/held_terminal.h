@@ -26,8 +26,6 @@ class HeldTerminal {
   HeldTerminal(const HeldTerminal&) = delete;
   HeldTerminal& operator=(const HeldTerminal&) = delete;
 
-  bool hasKeyboard() const;
-
   // Until there is anything, or one of the descriptors is readable.
   Event wait(const std::vector<int>& fds);
 
