@@ -78,6 +78,7 @@ class NoteTest(units.Test):
             change(1, "Full")
         run("udevadm", "settle")
         self.assertEqual(starts(), before + 1)
+        self.assertComesTrue(lambda: (books := host.books()) and books.fully_charged_once)
         began = time.monotonic()
         for number in range(FLAPS):
             change(number % 2)
