@@ -16,7 +16,7 @@ endfunction()
 
 function(volorn_tell_options)
   message(STATUS "volorn ${PROJECT_VERSION} for ${CMAKE_SYSTEM_PROCESSOR}:")
-  foreach(option SYSTEMD VOLORNCTL SCREEN RECORD STATIC_SQLITE WARNINGS_AS_ERRORS OPENRC DEBIAN TESTS BENCHMARKS)
+  foreach(option SYSTEMD VOLORNCTL SCREEN RECORD PUSH STATIC_SQLITE WARNINGS_AS_ERRORS OPENRC DEBIAN TESTS BENCHMARKS)
     message(STATUS "  VOLORN_${option} ${VOLORN_${option}}")
   endforeach()
 endfunction()

@@ -1,7 +1,7 @@
 # Sourced by the other scripts: the Debian packages that each step needs, in one place.
 
 packages_to_build=(g++ cmake ninja-build libsqlite3-dev libcli11-dev nlohmann-json3-dev libsystemd-dev
-  libncurses-dev libzstd-dev)
+  libncurses-dev libzstd-dev libmd-dev)
 packages_to_test=("${packages_to_build[@]}" libbenchmark-dev clang libclang-rt-14-dev clang-format clang-tidy black libgtest-dev
   binutils procps python3 tmux ncurses-term zsh fish strace faketime sqlite3
   prometheus python3-prometheus-client mandoc groff-base
@@ -10,7 +10,7 @@ packages_to_package=("${packages_to_build[@]}" dpkg-dev file lintian)
 packages_to_bench=("${packages_to_build[@]}" libbenchmark-dev pkg-config libproc2-dev libgtop2-dev procps python3 smem htop tmux)
 # For another processor: libraries, fetched by an apt of its own, and its compiler, which is a program of this machine.
 packages_to_cross=(libsqlite3-dev libcli11-dev nlohmann-json3-dev libsystemd-dev libsystemd0
-  libncurses-dev libncursesw6 libtinfo6 libzstd-dev libzstd1)
+  libncurses-dev libncursesw6 libtinfo6 libzstd-dev libzstd1 libmd-dev libmd0)
 packages_for_arm64=(g++-aarch64-linux-gnu)
 packages_for_armhf=(g++-arm-linux-gnueabihf)
 packages_for_i386=(g++-i686-linux-gnu)

@@ -11,6 +11,9 @@
 #include "volornctl/choices.h"
 #include "volornctl/command.h"
 #include "volornctl/completion.h"
+#ifdef VOLORN_PUSH
+#include "volornctl/kept/export.h"
+#endif
 #include "volornctl/kept/history.h"
 #include "volornctl/kept/metrics.h"
 #include "volornctl/kept/report.h"
@@ -32,6 +35,9 @@ std::vector<std::unique_ptr<Command>> makeCommands() {
   commands.push_back(std::make_unique<MetricsCommand>());
   commands.push_back(std::make_unique<HistoryCommand>());
   commands.push_back(std::make_unique<ReportCommand>());
+#ifdef VOLORN_PUSH
+  commands.push_back(std::make_unique<ExportCommand>());
+#endif
   commands.push_back(std::make_unique<SummaryCommand>());
   commands.push_back(std::make_unique<TopCommand>());
   commands.push_back(std::make_unique<MemoryCommand>());

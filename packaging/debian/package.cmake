@@ -29,6 +29,9 @@ one moment, its processes over time, and the memory of each.")
 # libsystemd is loaded by name, so that no linker tells of it.
 set(CPACK_DEBIAN_PACKAGE_DEPENDS
   "default-dbus-system-bus | dbus-system-bus, libsystemd0 (>= 249), systemd (>= 249) | systemd-sysusers")
+if(VOLORN_PUSH)
+  set(CPACK_DEBIAN_PACKAGE_RECOMMENDS curl)
+endif()
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA

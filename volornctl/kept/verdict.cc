@@ -100,7 +100,7 @@ int checkStatus(const std::optional<Verdict>& verdict) {
 std::optional<bool> isSetAsideLately(const std::string& state_directory, const Date& now) {
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir(state_directory.c_str()), closedir);
   if (!folder) return errno == ENOENT ? std::optional(false) : std::nullopt;
-  const std::string beginning = std::string(linux_host::kStateFileName) + ".damaged-";
+  const std::string_view beginning = linux_host::kSetAsidePrefix;
   bool is_lately = false;
   while (const dirent* entry = readdir(folder.get())) {
     const std::string_view name = entry->d_name;

@@ -8,6 +8,10 @@ namespace volorn::linux_host {
 
 inline constexpr const char* kStateFileName = "volorn.db";
 
+// The name of one that was set aside begins so, and goes on with the UTC time of that: "20261123T040506Z". A
+// journal that went with it has "-journal" behind that.
+inline constexpr const char* kSetAsidePrefix = "volorn.db.damaged-";
+
 inline constexpr int kSchemaVersion = 3;  // the newest that this program knows
 
 // Each version adds to those before it and changes nothing of them. From this one on the file keeps which of

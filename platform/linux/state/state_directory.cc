@@ -191,7 +191,7 @@ void StateDirectory::holdSpace() {
 
 void StateDirectory::setStateFileAside(const Date& now) {
   const std::string name = kStateFileName;
-  std::string aside = name + ".damaged-" + utcStamp(now);
+  std::string aside = kSetAsidePrefix + utcStamp(now);
   const std::string base = aside;
   const auto exists = [this](const std::string& candidate) {
     struct stat status = {};

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <memory>
 
-#include "platform/linux/state/schema.h"
 #include "platform/linux/state/state_queries.h"
 #include "platform/snapshot_keys.h"
 
@@ -31,14 +30,14 @@ using Reason = StateUnreadable::Reason;
 }
 
 // The file's path without symbolic links, which SQLite is told not to follow.
-std::string locate(const std::string& directory) {
-  const std::string path = directory + "/" + kStateFileName;
+std::string locate(const std::string& directory, const std::string& name) {
+  const std::string path = directory + "/" + name;
   struct stat status = {};
   const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(directory.c_str(), nullptr), std::free);
   if (!resolved || lstat(path.c_str(), &status) != 0) refuseFor(errno, path);
   if (!S_ISREG(status.st_mode)) refuse(path, "not a regular file");
   if (access(path.c_str(), R_OK) != 0) refuseFor(errno, path);
-  return std::string(resolved.get()) + "/" + kStateFileName;
+  return std::string(resolved.get()) + "/" + name;
 }
 
 [[noreturn]] void refuse(const std::string& path, const SqliteError& error) {
@@ -85,7 +84,8 @@ auto StateReader::guarded(Work work) {
   }
 }
 
-StateReader::StateReader(const std::string& directory) : path_(locate(directory)) {
+StateReader::StateReader(const std::string& directory, const std::string& name)
+    : path_(locate(directory, name)) {
   guarded([this] {
     database_.emplace(path_, Database::Access::kReadOnly, kBusyTimeoutMs);
     database_->execute("BEGIN");
@@ -99,6 +99,14 @@ StateReader::StateReader(const std::string& directory) : path_(locate(directory)
     if (schema.version >= kStandInsVersion) {
       first_with_stand_ins_ = database_->integer("SELECT first_with_stand_ins FROM file");
     }
+  });
+}
+
+std::optional<std::string> StateReader::identity() {
+  if (first_with_stand_ins_ == std::numeric_limits<std::int64_t>::max()) return std::nullopt;
+  return guarded([&]() -> std::optional<std::string> {
+    Statement select = database_->prepare("SELECT lower(hex(identity)) FROM file");
+    return select.step() ? std::optional(select.text(0)) : std::nullopt;
   });
 }
 
@@ -122,26 +130,43 @@ std::optional<StoredSnapshot> StateReader::newestSnapshot() {
 
 std::vector<StoredSnapshot> StateReader::newestSnapshots(std::int64_t limit) {
   return guarded([&] {
-    std::vector<StoredSnapshot> snapshots;
     Statement newest = database_->prepare(
         "SELECT id, taken_at FROM (SELECT * FROM snapshot ORDER BY id DESC LIMIT ?) ORDER BY id");
+    newest.bind(1, std::min(limit, kSnapshotsKept));  // a file that holds more is not sound
+    return readSnapshots(newest);
+  });
+}
+
+std::optional<StoredSnapshot> StateReader::snapshotAfter(std::int64_t id) {
+  return guarded([&] {
+    if (!next_)
+      next_ = database_->prepare("SELECT id, taken_at FROM snapshot WHERE id > ? ORDER BY id LIMIT 1");
+    std::vector<StoredSnapshot> found = readSnapshots(next_->bind(1, id));
+    return found.empty() ? std::nullopt : std::optional(std::move(found.front()));
+  });
+}
+
+std::vector<StoredSnapshot> StateReader::readSnapshots(Statement& which) {
+  if (!metrics_) {
     const bool any_stand_ins = first_with_stand_ins_ < std::numeric_limits<std::int64_t>::max();
-    Statement metrics = database_->prepare(
+    metrics_ = database_->prepare(
         "SELECT name, value, " + std::string(any_stand_ins ? kStandsIn : "false") +
         " FROM metric JOIN metric_key ON id = key_id WHERE snapshot_id = ? ORDER BY position");
-    newest.bind(1, std::min(limit, kSnapshotsKept));  // a file that holds more is not sound
-    while (newest.step()) {
-      StoredSnapshot& snapshot = snapshots.emplace_back(
-          StoredSnapshot{.taken_at = Date::fromSecondsSinceReferenceDate(newest.real(1)), .metrics = {}});
-      metrics.bind(1, newest.integer(0));
-      while (metrics.step()) {
-        const auto& [key, value] = snapshot.metrics.emplace_back(metrics.text(0), metrics.integer(1));
-        if (metrics.integer(2) != 0) snapshot.unknown.push_back(key);
-      }
-      if (newest.integer(0) < first_with_stand_ins_) snapshot.unknown = negativeReadings(snapshot.metrics);
+  }
+  std::vector<StoredSnapshot> snapshots;
+  while (which.step()) {
+    StoredSnapshot& snapshot =
+        snapshots.emplace_back(StoredSnapshot{.taken_at = Date::fromSecondsSinceReferenceDate(which.real(1)),
+                                              .metrics = {},
+                                              .id = which.integer(0)});
+    metrics_->bind(1, snapshot.id);
+    while (metrics_->step()) {
+      const auto& [key, value] = snapshot.metrics.emplace_back(metrics_->text(0), metrics_->integer(1));
+      if (metrics_->integer(2) != 0) snapshot.unknown.push_back(key);
     }
-    return snapshots;
-  });
+    if (snapshot.id < first_with_stand_ins_) snapshot.unknown = negativeReadings(snapshot.metrics);
+  }
+  return snapshots;
 }
 
 }  // namespace volorn::linux_host

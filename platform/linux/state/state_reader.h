@@ -12,6 +12,7 @@
 
 #include "platform/date.h"
 #include "platform/linux/state/database.h"
+#include "platform/linux/state/schema.h"
 #include "platform/linux/usage_books.h"
 #include "platform/preferences_store.h"
 #include "platform/waketide.h"
@@ -39,7 +40,8 @@ struct StoredSnapshot {
   Date taken_at;
   std::vector<std::pair<std::string, std::int64_t>> metrics;  // in the order written
   std::vector<std::string> unknown =
-      {};  // keys among them whose value stands in for a reading, in that order
+      {};               // keys among them whose value stands in for a reading, in that order
+  std::int64_t id = 0;  // in its file, where later ones have greater ones
 
   bool isKnown(std::string_view key) const { return std::ranges::find(unknown, key) == unknown.end(); }
 };
@@ -48,11 +50,14 @@ struct StoredSnapshot {
 // commit as long as the work takes. Every failure is a StateUnreadable whose text is for people.
 class StateReader {
  public:
-  // `directory` is the folder of the state file.
-  explicit StateReader(const std::string& directory);
+  // `directory` is the folder of the state file, or of one that was set aside.
+  explicit StateReader(const std::string& directory, const std::string& name = kStateFileName);
 
   // The state file's full path, free of symbolic links.
   const std::string& path() const { return path_; }
+
+  // 32 hexadecimal digits; none for a file from before it was given one.
+  std::optional<std::string> identity();
 
   std::optional<PreferenceValue> preference(std::string_view domain, std::string_view key);
   std::optional<JobDescription> job(std::string_view name);
@@ -66,12 +71,19 @@ class StateReader {
   // At most `limit` of them, the oldest of these first.
   std::vector<StoredSnapshot> newestSnapshots(std::int64_t limit);
 
+  // The next one; none behind the newest.
+  std::optional<StoredSnapshot> snapshotAfter(std::int64_t id);
+
  private:
+  std::vector<StoredSnapshot> readSnapshots(Statement& which);
+
   template <typename Work>
   auto guarded(Work work);
 
   std::string path_;
   std::optional<Database> database_;
+  std::optional<Statement> metrics_;
+  std::optional<Statement> next_;
   bool has_usage_books_ = false;
   std::int64_t first_with_stand_ins_ = std::numeric_limits<std::int64_t>::max();  // snapshot that keeps them
 };
