@@ -4,7 +4,7 @@ packages_to_build=(g++ cmake ninja-build libsqlite3-dev libcli11-dev nlohmann-js
   libncurses-dev libzstd-dev libmd-dev)
 packages_to_test=("${packages_to_build[@]}" libbenchmark-dev clang libclang-rt-14-dev clang-format clang-tidy black libgtest-dev
   binutils procps python3 tmux ncurses-term zsh fish strace faketime sqlite3
-  prometheus python3-prometheus-client mandoc groff-base
+  prometheus victoria-metrics curl python3-prometheus-client mandoc groff-base
   systemd udev dbus chromium fonts-dejavu-core dpkg-dev file e2fsprogs mount cppcheck)
 packages_to_package=("${packages_to_build[@]}" dpkg-dev file lintian)
 packages_to_bench=("${packages_to_build[@]}" libbenchmark-dev pkg-config libproc2-dev libgtop2-dev procps python3 smem htop tmux)
@@ -19,7 +19,9 @@ say() { printf '\n== %s\n' "$*"; }
 
 # A package whose tool alone is wanted: it is not to serve on the machine that is tested on.
 without_services=(-o 'DPkg::Options::=--path-exclude=/lib/systemd/system/prometheus*'
-  -o 'DPkg::Options::=--path-exclude=/etc/init.d/prometheus*')
+  -o 'DPkg::Options::=--path-exclude=/etc/init.d/prometheus*'
+  -o 'DPkg::Options::=--path-exclude=/lib/systemd/system/victoria*'
+  -o 'DPkg::Options::=--path-exclude=/etc/init.d/victoria*')
 
 # Installs those of the named packages that are missing; anyone but root is told which they are.
 install_missing() {

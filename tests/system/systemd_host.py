@@ -129,6 +129,8 @@ def becomeSystemd(prepare):
     emptyTheMachine()
     prepare()
     coverTemporaryFolders()
+    # As whoever starts a container does: what systemd mounts for a service is made in a process of its own.
+    run("mount", "--make-rshared", "/")
     os.environ["container"] = "unshare"
     words = "systemd --system --unit=multi-user.target --show-status=no --log-target=journal-or-kmsg"
     os.execv("/lib/systemd/systemd", words.split())
