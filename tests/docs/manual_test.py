@@ -14,7 +14,14 @@ PAGES = pathlib.Path(__file__).parents[2] / "docs/man"
 class ManualTest(unittest.TestCase):
     def test_form(self):
         pages = sorted(PAGES.iterdir())
-        names = ["volorn-keys.7", "volorn-push.8", "volornctl-json.7", "volornctl.1", "volornd.8", "waketide.8"]
+        names = [
+            "volorn-keys.7",
+            "volorn-push.8",
+            "volornctl-json.7",
+            "volornctl.1",
+            "volornd.8",
+            "waketide.8",
+        ]
         self.assertEqual([page.name for page in pages], names)
         for page in pages:
             for checker in ("mandoc -T lint -W warning", "groff -mandoc -ww -z"):
