@@ -14,6 +14,9 @@ packages_to_cross=(libsqlite3-dev libcli11-dev nlohmann-json3-dev libsystemd-dev
 packages_for_arm64=(g++-aarch64-linux-gnu)
 packages_for_armhf=(g++-arm-linux-gnueabihf)
 packages_for_i386=(g++-i686-linux-gnu)
+# Emulators, and what makes the disks of the devices that they are; and what each device has beside us.
+packages_for_lab=(qemu-system-x86 seabios acpica-tools mmdebstrap cpio kmod e2fsprogs python3 binutils)
+packages_in_lab=(systemd systemd-sysv udev dbus busybox-static libsystemd0 libncursesw6)
 
 say() { printf '\n== %s\n' "$*"; }
 

@@ -124,6 +124,12 @@ class NoteTest(units.Test):
         )
         self.assertEqual(shows("volorn-note.service", "Result"), "success")
 
+    def testSlowBoot(self):
+        """Which takes longer than the mark."""
+        self.addCleanup(units.reset, {})
+        units.dropIn("volorn-note-boot.service", "ExecStartPre=/bin/sleep 7")
+        systemctl("restart volorn-note-boot.service")
+
     def testShutdown(self):
         systemctl("stop volorn-note-boot.service")
         self.assertEqual(shows("volorn-note-boot.service", "Result"), "success")
