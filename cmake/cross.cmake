@@ -13,11 +13,17 @@ list(GET processor_${VOLORN_CROSS} 1 triplet)
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_C_COMPILER ${triplet}-gcc)
 set(CMAKE_CXX_COMPILER ${triplet}-g++)
-set(CMAKE_FIND_ROOT_PATH ${CMAKE_CURRENT_LIST_DIR}/../build/cross/${VOLORN_CROSS})
+cmake_path(SET CMAKE_FIND_ROOT_PATH NORMALIZE ${CMAKE_CURRENT_LIST_DIR}/../build/cross/${VOLORN_CROSS})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-# Where Debian keeps what a cross-built program loads: the package's needs are looked up there.
-set(VOLORN_CROSS_LIBRARIES /usr/${triplet}/lib)
+# ncurses is found by way of a linker script, and its library needs another: the linker looks for both itself.
+string(REPLACE i686 i386 folder ${triplet})
+set(folders ${CMAKE_FIND_ROOT_PATH}/lib/${folder} ${CMAKE_FIND_ROOT_PATH}/usr/lib/${folder})
+list(GET folders 0 folder)
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-L${folder} -Wl,-rpath-link=${folder}")
+
+# Where lies what a cross-built program loads: the package's needs are looked up there.
+set(VOLORN_CROSS_LIBRARIES /usr/${triplet}/lib ${folders})

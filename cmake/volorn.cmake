@@ -28,8 +28,9 @@ function(volorn_configure target)
     -Wall -Wextra -Wpedantic $<$<BOOL:${VOLORN_WARNINGS_AS_ERRORS}>:-Werror> -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
     -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-align -Wundef -Wimplicit-fallthrough
     -fstack-protector-strong
-    # g++ 12 takes a string put before another for an overlap.
-    $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
+    # g++ 12 takes a string put before another for an overlap, and tells where 32-bit ARM's g++ 6 passed arguments
+    # otherwise.
+    $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict $<$<STREQUAL:${CMAKE_SYSTEM_PROCESSOR},arm>:-Wno-psabi>>)
   target_compile_definitions(${target} PRIVATE
     VOLORN_VERSION="${PROJECT_VERSION}"
     $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
