@@ -37,15 +37,17 @@ class LinuxKernel : public Kernel {
 
   // For who takes one sample after another: from now on what a process showed in the sample before is served
   // again as long as it holds, from so many bytes at most. What does not fit is read, as everything is in the
-  // first sample, or where the kernel shows no `schedstat`.
+  // first sample, or where the kernel shows no `schedstat`. Up to half of the descriptors that this process
+  // may have are held open.
   //
   // A process none of whose threads has run since (`schedstat` tells) is served from memory whole: its record
   // and name, processor type, basic, event, kernel memory, power and VM information, threads with their
   // times and states, descriptors, and regions. Only the time that a thread has slept is computed anew. What
   // others can change of it is looked at when its parent has gone, and at least once in ten samples: its
   // sizes by `statm`, its parent, group and state by `stat`, and the number of its descriptors. When any of
-  // these is another, all is read anew. Its pages, which others can make shared or its own, are walked at
-  // least once in a hundred samples.
+  // these is another, all is read anew. Its pages, which others can make shared or its own, are walked when a
+  // child or its parent has ended, when a child has executed a program, and at least once in a hundred
+  // samples.
   void rememberProcesses(std::size_t most_bytes = std::size_t{64} << 20);
 
   // Forgets which memory objects have been met, but for those in what is remembered: their number only grows.

@@ -16,8 +16,9 @@ namespace volorn {
 class RealSampler {
  public:
   explicit RealSampler(linux_host::RegionSource source = linux_host::RegionSource::best,
-                       const std::string& proc_root = "/proc")
+                       const std::string& proc_root = "/proc", bool remembers = false)
       : kernel_(proc_root, source) {
+    if (remembers) kernel_.rememberProcesses();
     EXPECT_EQ(libtop_init(nullptr, nullptr), 0);
   }
   ~RealSampler() { libtop_fini(); }

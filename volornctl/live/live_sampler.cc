@@ -1,7 +1,9 @@
 #include "volornctl/live/live_sampler.h"
 
 #include <fcntl.h>
+#include <sys/resource.h>
 
+#include <algorithm>
 #include <new>
 #include <stdexcept>
 #include <utility>
@@ -23,7 +25,22 @@ std::optional<std::uint64_t> readAvailableBytes() {
   return kib ? std::optional(*kib * 1024) : std::nullopt;
 }
 
+// Half of the descriptors may be held open for what tells whether a process has run, and many a session is
+// given fewer than there are processes.
+void raiseDescriptorLimit() {
+  constexpr rlim_t kEnough = 8192;
+  rlimit limit = {};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+  limit.rlim_cur = std::max(limit.rlim_cur, std::min(limit.rlim_max, kEnough));
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 }  // namespace
+
+LiveSampler::NotingKernel::NotingKernel() : LinuxKernel("/proc") {
+  raiseDescriptorLimit();
+  rememberProcesses();
+}
 
 LiveSampler::Start::Start() {
   if (libtop_init(nullptr, nullptr) != 0) throw std::runtime_error("this machine's counters cannot be read");

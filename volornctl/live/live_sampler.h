@@ -31,7 +31,7 @@ class LiveSampler : public Sampler {
   // counters come at once, before its memory is walked.
   class NotingKernel : public linux_host::LinuxKernel {
    public:
-    NotingKernel() : LinuxKernel("/proc") { rememberProcesses(); }
+    NotingKernel();
     KernelReturn pid_for_task(PortName task, std::int32_t& pid) override;
 
     KernelNotes notes;

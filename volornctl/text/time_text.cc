@@ -34,14 +34,23 @@ std::optional<std::int64_t> wholeSeconds(const Date& date) {
   return showable(whole) ? std::optional(whole) : std::nullopt;
 }
 
+// Its last digits, so many. Every row of a sample has a time.
+void addDigits(std::string& text, std::int64_t number, int digits) {
+  const std::size_t end = text.size() + static_cast<std::size_t>(digits);
+  text.resize(end);
+  for (std::size_t at = end; digits > 0; --digits, number /= 10)
+    text[--at] = static_cast<char>('0' + number % 10);
+}
+
 std::string dateAndTime(std::int64_t seconds_since_1970, char separator) {
   const std::chrono::sys_seconds time{std::chrono::seconds(seconds_since_1970)};
   const auto day = std::chrono::floor<std::chrono::days>(time);
   const std::chrono::hh_mm_ss clock{time - day};
-  char text[32];
-  std::snprintf(text, sizeof text, "%c%02d:%02d:%02d", separator, static_cast<int>(clock.hours().count()),
-                static_cast<int>(clock.minutes().count()), static_cast<int>(clock.seconds().count()));
-  return dayText(day.time_since_epoch().count()).value_or("") + text;
+  std::string text = dayText(day.time_since_epoch().count()).value_or("");
+  addDigits(text += separator, clock.hours().count(), 2);
+  addDigits(text += ':', clock.minutes().count(), 2);
+  addDigits(text += ':', clock.seconds().count(), 2);
+  return text;
 }
 
 }  // namespace
@@ -111,10 +120,10 @@ std::optional<std::string> rfc3339Milliseconds(const Date& date) {
   const std::optional<std::int64_t> seconds = wholeSeconds(date);
   if (!seconds) return std::nullopt;
   const double part = date.secondsSince1970() - static_cast<double>(*seconds);
-  char text[8];
+  std::string text = dateAndTime(*seconds, 'T') + '.';
   // The number nearest to a millisecond may lie below it; so near to the next one it is meant.
-  std::snprintf(text, sizeof text, ".%03dZ", std::clamp(static_cast<int>(part * 1000 + 1e-3), 0, 999));
-  return dateAndTime(*seconds, 'T') + text;
+  addDigits(text, std::clamp(static_cast<int>(part * 1000 + 1e-3), 0, 999), 3);
+  return text + 'Z';
 }
 
 std::string utcTime(const Date& date) {
@@ -167,9 +176,10 @@ std::optional<std::string> dayText(std::int64_t days_since_1970) {
   if (days_since_1970 < kFirstDay || days_since_1970 > kLastDay) return std::nullopt;
   const std::chrono::year_month_day day{
       std::chrono::sys_days{std::chrono::days(static_cast<int>(days_since_1970))}};
-  char text[32];
-  std::snprintf(text, sizeof text, "%04d-%02u-%02u", static_cast<int>(day.year()),
-                static_cast<unsigned>(day.month()), static_cast<unsigned>(day.day()));
+  std::string text;
+  addDigits(text, static_cast<int>(day.year()), 4);
+  addDigits(text += '-', static_cast<unsigned>(day.month()), 2);
+  addDigits(text += '-', static_cast<unsigned>(day.day()), 2);
   return text;
 }
 

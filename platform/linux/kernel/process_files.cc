@@ -36,17 +36,21 @@ class Path {
   char* end_ = text_.begin();
 };
 
-bool readMark(int folder, const char* path, RunMark& mark) {
-  const FileDescriptor file(openat(folder, path, O_RDONLY | O_CLOEXEC));
-  struct stat status = {};
+// By the file of the mark's thread, whose inode is known. One that is open stays the same thread's.
+bool readRuns(const FileDescriptor& file, RunMark& mark) {
   std::array<char, 96> text = {};
-  const ssize_t count =
-      file && fstat(file.get(), &status) == 0 ? read(file.get(), text.data(), text.size()) : 0;
-  if (count <= 0) return false;
-  const auto runs = parseThreadRuns({text.data(), static_cast<std::size_t>(count)});
-  if (!runs) return false;
+  const ssize_t count = pread(file.get(), text.data(), text.size(), 0);
+  const auto runs =
+      count > 0 ? parseThreadRuns({text.data(), static_cast<std::size_t>(count)}) : std::nullopt;
+  if (runs) mark.runs = *runs;
+  return runs.has_value();
+}
+
+bool openMark(int folder, const char* path, RunMark& mark, FileDescriptor& file) {
+  file = FileDescriptor(openat(folder, path, O_RDONLY | O_CLOEXEC));
+  struct stat status = {};
+  if (!file || fstat(file.get(), &status) != 0) return false;
   mark.inode = status.st_ino;
-  mark.runs = *runs;
   return true;
 }
 
@@ -57,13 +61,23 @@ int ProcessFiles::folder() {
   return folder_.get();
 }
 
-bool ProcessFiles::updateMarks(std::int32_t pid, std::span<RunMark> marks) {
+bool ProcessFiles::updateMarks(std::int32_t pid, std::span<RunMark> marks, std::span<FileDescriptor> held) {
   bool are_same = true;
-  for (RunMark& mark : marks) {
-    RunMark now = {.thread = mark.thread};
-    const bool is_known = readMark(folder(), Path(pid, mark.thread, "schedstat").get(), now);
-    are_same = are_same && is_known && now == mark;
-    mark = now;
+  for (std::size_t i = 0; i < marks.size(); ++i) {
+    RunMark now = {.thread = marks[i].thread, .inode = marks[i].inode};
+    FileDescriptor file;
+    const bool is_held = i < held.size() && held[i];
+    const bool is_read = is_held ? readRuns(held[i], now)
+                                 : openMark(folder(), Path(pid, now.thread, "schedstat").get(), now, file) &&
+                                       readRuns(file, now);
+    are_same = are_same && is_read && now == marks[i];
+    marks[i] = now;
+    if (is_held && !is_read) {
+      held[i] = FileDescriptor();
+    } else if (is_read && !is_held && i < held.size() && room_ > 0) {
+      held[i] = std::move(file);
+      --room_;
+    }
   }
   return are_same;
 }

@@ -1,6 +1,7 @@
 // The Linux kernel's answers about a process by its pid.
 #include <fcntl.h>
 #include <limits.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -66,8 +67,13 @@ Task* LinuxKernel::askedTask(std::int32_t pid) {
 }
 
 void LinuxKernel::rememberProcesses(std::size_t most_bytes) {
+  constexpr rlim_t kForOthers = 64;
+  rlimit descriptors = {};
+  getrlimit(RLIMIT_NOFILE, &descriptors);
+  const rlim_t most_files = (descriptors.rlim_cur - std::min(descriptors.rlim_cur, kForOthers)) / 2;
   const std::lock_guard lock(mutex_);
-  tasks().reader.remembered.remember(most_bytes);
+  tasks().reader.remembered.remember(most_bytes,
+                                     static_cast<std::size_t>(std::min<rlim_t>(most_files, SIZE_MAX)));
 }
 
 void LinuxKernel::forgetObjects() {

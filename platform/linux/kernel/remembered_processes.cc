@@ -5,6 +5,9 @@
 namespace volorn::linux_host {
 namespace {
 
+// The kernel keeps a page of text for each file that has been read.
+constexpr std::size_t kBytesOfAFile = 4608;
+
 std::size_t bytesOf(const RememberedProcesses::Process& process) {
   std::size_t bytes = sizeof process + process.marks.capacity() * sizeof process.marks[0];
   if (!process.facts) return bytes;
@@ -14,6 +17,12 @@ std::size_t bytesOf(const RememberedProcesses::Process& process) {
 }
 
 }  // namespace
+
+void RememberedProcesses::remember(std::size_t most_bytes, std::size_t most_files) {
+  const std::size_t bytes_of_files = most_bytes / 4;
+  most_files_ = std::min(most_files, bytes_of_files / kBytesOfAFile);
+  most_bytes_ = most_bytes - bytes_of_files;
+}
 
 RememberedProcesses::Process& RememberedProcesses::of(std::int32_t pid, std::uint64_t start_ticks) {
   Process& process = known_[pid];
@@ -35,10 +44,15 @@ void RememberedProcesses::charge(Process& process) {
   process.charged_bytes = bytesOf(process);
   if (of_others + process.charged_bytes > most_bytes_) {
     process.marks = {};
+    process.mark_files.clear();
     process.facts.reset();
     process.charged_bytes = 0;
   }
   charged_bytes_ = of_others + process.charged_bytes;
+}
+
+void RememberedProcesses::walkAgain(Process* process) {
+  if (process && process->facts) process->facts->groups.reset();
 }
 
 std::vector<std::uint32_t> RememberedProcesses::objectIds() const {
@@ -57,9 +71,15 @@ void RememberedProcesses::beginSample(std::span<const std::int32_t> pids) {
   for (const std::int32_t pid : pids) {
     if (Process* process = find(pid)) process->sample = sample_;
   }
+  held_files_ = 0;
   std::erase_if(known_, [&](const auto& entry) {
-    if (entry.second.sample == sample_) return false;
-    charged_bytes_ -= entry.second.charged_bytes;
+    const Process& process = entry.second;
+    if (process.sample == sample_) {
+      held_files_ += process.mark_files.size();
+      return false;
+    }
+    charged_bytes_ -= process.charged_bytes;
+    walkAgain(process.facts ? find(process.facts->stat.parent) : nullptr);
     return true;
   });
 }

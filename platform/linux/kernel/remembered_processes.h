@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "platform/kernel_records.h"
+#include "platform/linux/file_descriptor.h"
 #include "platform/linux/kernel/parse_process_stat.h"
 #include "platform/linux/kernel/parse_process_status.h"
 #include "platform/linux/kernel/process_files.h"
@@ -51,14 +53,19 @@ class RememberedProcesses {
     std::optional<ProcessorType> processor_type = std::nullopt;
     std::optional<LastRun> last_run = std::nullopt;  // of a process of one thread
     SwitchCounts switches = {};
-    std::vector<RunMark> marks = {};  // of its threads
+    std::vector<RunMark> marks = {};              // of its threads
+    std::vector<FileDescriptor> mark_files = {};  // of each mark, as far as it is held open
     std::optional<Facts> facts = std::nullopt;
     std::size_t charged_bytes = 0;  // for what is served from memory: `marks` and `facts`
   };
 
-  // From now on marks and facts may be kept, in so many bytes.
-  void remember(std::size_t most_bytes) { most_bytes_ = most_bytes; }
+  // From now on marks and facts may be kept, in so many bytes, a part of them by the kernel for open files.
+  // Of these there may be so many.
+  void remember(std::size_t most_bytes, std::size_t most_files);
   bool isOn() const { return most_bytes_ != 0; }
+
+  // How many files may be held open beyond those that are held since before this sample.
+  std::size_t roomForFiles() const { return most_files_ - std::min(most_files_, held_files_); }
 
   // Empty for a process not met before. Stays where it is until the next sample begins.
   Process& of(std::int32_t pid, std::uint64_t start_ticks);
@@ -68,6 +75,9 @@ class RememberedProcesses {
 
   // Counts what is kept of the process now, and forgets its marks and facts when that is too much.
   void charge(Process& process);
+
+  // After another process has left or changed what it may have shared with this one; null for none.
+  static void walkAgain(Process* process);
 
   // Whether the turn of the process has come in this sample.
   bool isTurnOf(const Process& process, std::uint32_t samples) const {
@@ -86,6 +96,8 @@ class RememberedProcesses {
   std::uint32_t turns_ = 0;
   std::size_t most_bytes_ = 0;
   std::size_t charged_bytes_ = 0;
+  std::size_t most_files_ = 0;
+  std::size_t held_files_ = 0;
 };
 
 }  // namespace volorn::linux_host

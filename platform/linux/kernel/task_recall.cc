@@ -1,7 +1,9 @@
 // What is served of a process that has not run, and when that is taken up.
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <new>
+#include <span>
 
 #include "platform/linux/kernel/parse_process_statm.h"
 #include "platform/linux/kernel/task.h"
@@ -29,7 +31,9 @@ bool Task::recall() {
   RememberedProcesses::Process* const known = reader_.remembered.find(pid_);
   marks_.assign(1, {.thread = pid_});
   if (known && !known->marks.empty()) marks_ = known->marks;
-  const bool has_run = !reader_.files.updateMarks(pid_, marks_);
+  if (known) known->mark_files.resize(known->marks.size());
+  const bool has_run = !reader_.files.updateMarks(
+      pid_, marks_, known ? std::span(known->mark_files) : std::span<FileDescriptor>());
   if (has_run || !known || !known->facts || othersHaveChanged(*known)) return false;
   Facts& facts = *known->facts;
   // Regions that could not be read may be read by now.
@@ -53,6 +57,7 @@ bool Task::othersHaveChanged(RememberedProcesses::Process& process) {
   const bool parent_is_there = reader_.remembered.find(facts.stat.parent);
   const bool has_lost_parent = facts.parent_was_there && !parent_is_there;
   facts.parent_was_there = parent_is_there;
+  if (has_lost_parent) RememberedProcesses::walkAgain(&process);
   const bool is_turn = reader_.remembered.isTurnOf(process, RememberedProcesses::kSamplesToOthersWork);
   if (!is_turn && !has_lost_parent) return false;
   const auto pages = parseProcessPages(reader_.files.read(pid_, "statm"));
@@ -82,6 +87,8 @@ bool Task::hasRested() const {
 void Task::remember() try {
   if (!marks_are_read_ || !stat_) return;
   RememberedProcesses::Process& known = reader_.remembered.of(pid_, stat_->start_ticks);
+  const bool has_executed = known.facts && known.facts->stat.start_code != stat_->start_code;
+  if (has_executed) RememberedProcesses::walkAgain(reader_.remembered.find(stat_->parent));
   if (!is_recalled_ || error_) known.facts.reset();
   if (error_) return;
   if (is_recalled_) {
@@ -93,8 +100,13 @@ void Task::remember() try {
                    .threads = threads_,
                    .parent_was_there = reader_.remembered.find(stat_->parent) != nullptr};
   } else if (threads_are_read_) {
-    known.marks.clear();
-    for (const TaskThread& thread : threads_) known.marks.push_back({.thread = thread.id});
+    const auto id_of = [](const auto& thread) { return thread.id; };
+    if (!std::ranges::equal(known.marks, threads_, {}, &RunMark::thread, id_of)) {
+      known.marks.clear();
+      known.mark_files.clear();
+    }
+    known.marks.resize(threads_.size());
+    for (std::size_t i = 0; i < threads_.size(); ++i) known.marks[i] = {.thread = threads_[i].id};
   }
   if (known.facts) {
     known.facts->context_switches = context_switches_;

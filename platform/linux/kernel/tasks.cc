@@ -134,6 +134,7 @@ KernelReturn LinuxKernel::processor_set_tasks(PortName set, PortArray& tasks_of_
     Tasks& all = tasks();
     if (all.own != 0) all.ports.handBack(std::exchange(all.own, 0));
     all.reader.remembered.beginSample(all.pids);
+    all.reader.files.setRoom(all.reader.remembered.roomForFiles());
     std::vector<PortName>& ports = arrays_.lend();
     ports.reserve(all.pids.size());
     all.ports.reserve(all.pids.size());
