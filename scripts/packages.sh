@@ -7,7 +7,8 @@ packages_to_test=("${packages_to_build[@]}" libbenchmark-dev clang libclang-rt-1
   prometheus victoria-metrics curl python3-prometheus-client mandoc groff-base
   systemd udev dbus chromium fonts-dejavu-core dpkg-dev file e2fsprogs mount cppcheck)
 packages_to_package=("${packages_to_build[@]}" dpkg-dev file lintian)
-packages_to_bench=("${packages_to_build[@]}" libbenchmark-dev pkg-config libproc2-dev libgtop2-dev procps python3 smem htop tmux)
+packages_to_bench=("${packages_to_build[@]}" libbenchmark-dev pkg-config libproc2-dev libgtop2-dev procps python3 smem htop
+  atop tmux)
 # For another processor: libraries, fetched by an apt of its own, and its compiler, which is a program of this machine. Its
 # tests need GoogleTest's library as well.
 packages_to_cross=(libsqlite3-dev libcli11-dev nlohmann-json3-dev libsystemd-dev libsystemd0
