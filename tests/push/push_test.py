@@ -6,8 +6,10 @@ import os
 import pathlib
 import re
 import shutil
+import subprocess
 import threading
 import time
+import urllib.request
 
 import host
 
@@ -16,6 +18,9 @@ SENT = OWN / "sent"
 PUSH = host.LIB / "volorn-push"
 # Each so many of the calls that a killed push is killed at.
 STEP = int(os.environ.get("VOLORN_PUSH_STEP", "40"))
+DEVICES = int(os.environ.get("VOLORN_PUSH_DEVICES", "20"))
+OTLP = os.environ.get("VOLORN_OTLP")  # OpenTelemetry's own definitions
+VICTORIA = "http://127.0.0.1:8428"
 TOKEN = "dG9rZW4"
 LATER = {"Retry-After": "3600"}
 SAMPLE = re.compile(r'(\w+)\{instance="([^"]*)",host_id="\w{32}"(?:,\w+="[^"]*")*\} (\S+) (\d+)\n')
@@ -236,6 +241,42 @@ class PushTest(host.Test):
         times = points["volorn_snapshot_timestamp_seconds"]
         found = {int(point["timeUnixNano"]) // 10**6: point["asDouble"] for point in times}
         self.assertEqual(found, {at: value for (_, at), value in samples().items()})
+        if OTLP:
+            check = ("node", str(pathlib.Path(__file__).with_name("otlp.js")), OTLP)
+            self.assertEqual(host.run(*check, stdin=None, input=body), (0, "", ""))
+
+    def testManyDevicesAtOnce(self):
+        words = ("-dedup.minScrapeInterval=1ms", "-retentionPeriod=1y", f"-storageDataPath={host.LIB}/data")
+        log = open(host.LIB / "log", "w", encoding="utf-8")
+        victoria = subprocess.Popen(
+            ["victoria-metrics", "-httpListenAddr=127.0.0.1:8428", *words], stderr=log, stdout=log
+        )
+        self.addCleanup(lambda: (victoria.kill(), victoria.wait(), log.close()))
+
+        def fetch(path):
+            try:
+                return urllib.request.urlopen(VICTORIA + path, timeout=60).read().decode()
+            except OSError:
+                return ""
+
+        self.assertTrue(host.waitFor(lambda: fetch("/health")))
+        environments = []
+        for number in range(DEVICES):
+            home = host.LIB / f"device-{number}"
+            (home / "work").mkdir(parents=True)
+            settings = f"URL={VICTORIA}/api/v1/import/prometheus\nLABELS=instance=device-{number}\n"
+            (home / "volorn_push.conf").write_text(settings)
+            own = {"STATE_DIRECTORY": str(home / "own"), "RUNTIME_DIRECTORY": str(home / "work")}
+            environments.append({**self.environment(), **own, "CREDENTIALS_DIRECTORY": str(home)})
+        began = time.monotonic()
+        pushes = [subprocess.Popen(self.command(), env=environment) for environment in environments]
+        self.assertEqual([push.wait() for push in pushes], [0] * DEVICES)
+        print(f"{DEVICES / (time.monotonic() - began):.0f} devices a second")
+        fetch("/internal/force_flush")
+        series = fetch("/api/v1/export?match[]=volorn_snapshot_timestamp_seconds").splitlines()
+        found = {json.loads(one)["metric"]["instance"]: json.loads(one)["timestamps"] for one in series}
+        times = sorted(at for _, at in samples())
+        self.assertEqual(found, {f"device-{number}": times for number in range(DEVICES)})
 
 
 if __name__ == "__main__":

@@ -93,10 +93,10 @@ std::string otlpJson(std::span<const StoredSnapshot> snapshots, const Device& de
     for (const Gauge& gauge : gaugesOf(snapshot)) {
       const auto [place, is_new] = places.emplace(gauge.name, metrics.size());
       if (is_new) {
-        metrics.push_back({{"name", gauge.name},
-                           {"description", gauge.help},
-                           {"unit", gauge.unit},
-                           {"gauge", {{"dataPoints", Json::array()}}}});
+        Json metric = {{"name", gauge.name}, {"description", gauge.help}};
+        if (!gauge.unit.empty()) metric["unit"] = gauge.unit;
+        metric["gauge"]["dataPoints"] = Json::array();
+        metrics.push_back(std::move(metric));
       }
       metrics[place->second]["gauge"]["dataPoints"].push_back(pointOf(gauge.value, time_ms));
     }
