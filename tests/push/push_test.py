@@ -260,6 +260,7 @@ class PushTest(host.Test):
                 return ""
 
         self.assertTrue(host.waitFor(lambda: fetch("/health")))
+        PUSH.write_text(PUSH.read_text().replace("--max-time 2", "--max-time 300"))
         environments = []
         for number in range(DEVICES):
             home = host.LIB / f"device-{number}"
