@@ -18,6 +18,7 @@ import unittest
 import host
 
 SCRIPTED = str(host.PROGRAMS / "top_on_scripted_machine")
+RECORDER = str(host.PROGRAMS / "record_a_scripted_machine")
 SCREENS = pathlib.Path(__file__).parent / "screens"
 PATIENCE_SECONDS = 60
 FIRST = r"(?s)^volornctl top .* every 1 s.*40 user1000 +100.0!"  # the second sample has come
@@ -76,7 +77,21 @@ class Terminal:
         self.end()
 
 
-NAMED_KEYS = {"Enter", "Escape", "Up", "Down", "PPage", "NPage", "Home", "End", "BSpace", "C-c", "C-z"}
+NAMED_KEYS = {
+    "Enter",
+    "Escape",
+    "Up",
+    "Down",
+    "Left",
+    "Right",
+    "PPage",
+    "NPage",
+    "Home",
+    "End",
+    "BSpace",
+    "C-c",
+    "C-z",
+}
 
 
 def rows(screen):
@@ -150,6 +165,32 @@ class ScreenTest(unittest.TestCase):
                 self.fail(f"{keys}: {fault}")
         terminal.type("q")
         terminal.wait("status 0")
+
+    def test_replay(self):
+        if not pathlib.Path(RECORDER).exists():
+            return
+        terminal = self.start("sleep 0")
+        record = terminal.folder / "record.db"
+        subprocess.run([RECORDER, record, str(1 << 20), "720", "10"], check=True, stdout=subprocess.DEVNULL)
+        replaying = self.start(f"{host.VOLORNCTL} top --replay {record} --at 05:00:00", size=(120, 40))
+        for keys, pattern in (
+            ([], r"04:59:56 UTC  658 of 720(.*\n)+All: busy +\S+"),
+            (["Left", "Left"], r"04:59:46 UTC"),
+            (["Right", "]"], r"05:00:51 UTC"),
+            (["{"], r"04:05:11 UTC  1 of 720, the recorder began"),
+            (["}", "["], r"05:04:06 UTC"),
+            (["g", "04:59:00", "Enter"], r"04:58:56 UTC"),
+            (["b"], r"Processors.? user (89|9\d|100)"),
+            (["g", "04:06", "Enter"], r"04:05:56 UTC"),
+            (["f", "process 2", "Enter"], r"04:06:\d\d UTC"),
+            (["End", "Enter", "Left"], r"Process \d+"),
+            (["Escape", "g", "05:05:06", "Enter", " "], r"720 of 720"),
+            (["?"], r"an hour back or on"),
+        ):
+            replaying.type(*keys)
+            replaying.wait(pattern)
+        replaying.type("x", "q")
+        replaying.wait("status 0")
 
     def test_it_follows_its_size(self):
         terminal = self.start(f"{SCRIPTED} 0 50", size=(40, 6))

@@ -24,6 +24,8 @@ enum class KeyName : std::uint8_t {
   kCharacter,
   kUp,
   kDown,
+  kLeft,
+  kRight,
   kPageUp,
   kPageDown,
   kHome,

@@ -53,13 +53,21 @@ std::vector<RegionKind> countKinds(const std::vector<Mapping>& mappings, std::ui
   return found;
 }
 
-class LiveLookups : public Lookups {
+class UserLookups : public Lookups {
  public:
   Found lookUp(const Wanted& wanted) override {
     Found found;
     for (const std::uint32_t uid : wanted.users) {
       found.users[uid] = userNameOf(uid).value_or(std::to_string(uid));
     }
+    return found;
+  }
+};
+
+class LiveLookups : public UserLookups {
+ public:
+  Found lookUp(const Wanted& wanted) override {
+    Found found = UserLookups::lookUp(wanted);
     for (const ProcessId& id : wanted.command_lines) found.command_lines[id] = readCommandLine(id);
     if (wanted.opened) found.opened = readProcess(*wanted.opened);
     return found;
@@ -118,6 +126,10 @@ class LiveLookups : public Lookups {
 
 std::unique_ptr<Lookups> makeLiveLookups() {
   return std::make_unique<LiveLookups>();
+}
+
+std::unique_ptr<Lookups> makeUserLookups() {
+  return std::make_unique<UserLookups>();
 }
 
 }  // namespace volorn::ctl

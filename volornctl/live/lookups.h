@@ -77,4 +77,7 @@ class Lookups {
 // On this machine.
 std::unique_ptr<Lookups> makeLiveLookups();
 
+// Of users alone: of a process that was recorded there is nothing more.
+std::unique_ptr<Lookups> makeUserLookups();
+
 }  // namespace volorn::ctl

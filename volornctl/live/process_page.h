@@ -21,6 +21,9 @@ class ProcessPage {
   void take(const Sample& sample);
   void take(const OpenedProcess& opened);
 
+  // What comes does not follow what came: the graphs begin anew.
+  void forgetPast() { past_.clear(); }
+
   // `command_line`: empty where there is none, or none is known yet.
   std::vector<FrameLine> lines(std::size_t max_columns, bool unicode, const UserNames& users,
                                const std::string& command_line) const;

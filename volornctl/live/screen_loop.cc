@@ -22,10 +22,11 @@ std::string textOf(const Frame& frame) {
 
 class Loop {
  public:
-  Loop(CursesTerminal& terminal, SampleSource& source, LookupThread* lookups, const ProcessChoice& choice,
-       double interval_seconds)
+  Loop(CursesTerminal& terminal, SampleSource& source, ReplaySource* replay, LookupThread* lookups,
+       const ProcessChoice& choice, double interval_seconds)
       : terminal_(terminal),
         source_(source),
+        replay_(replay),
         lookups_(lookups),
         screen_(choice, interval_seconds, terminal.isUnicode()) {}
 
@@ -52,6 +53,8 @@ class Loop {
     const bool is_paused = screen_.isPaused();
     for (const Key& key : keys) {
       if (!screen_.press(key)) return false;
+      const std::optional<Move> move = screen_.takeMove();
+      if (move && replay_) replay_->move(*move);
     }
     if (screen_.intervalSeconds() != interval_seconds) source_.setInterval(screen_.intervalSeconds());
     if (screen_.isPaused() != is_paused) source_.setPaused(screen_.isPaused());
@@ -62,8 +65,11 @@ class Loop {
   bool takeSamples() {
     const bool is_over = source_.isOver();
     while (std::shared_ptr<const Sample> sample = source_.next()) {
-      // One that was under way when the pause began is not shown.
-      if (screen_.isPaused()) continue;
+      if (replay_) {
+        screen_.take(replay_->shown());
+      } else if (screen_.isPaused()) {
+        continue;  // it was under way when the pause began
+      }
       screen_.take(std::move(sample));
       is_new_ = true;
     }
@@ -93,6 +99,7 @@ class Loop {
 
   CursesTerminal& terminal_;
   SampleSource& source_;
+  ReplaySource* replay_;  // the same, or null
   LookupThread* lookups_;
   TopScreen screen_;
   Wanted asked_;
@@ -104,13 +111,18 @@ class Loop {
 
 void runScreen(std::unique_ptr<CursesTerminal> terminal, Output& output, SampleSource& source,
                LookupThread* lookups, const ProcessChoice& choice, double interval_seconds) {
-  Loop loop(*terminal, source, lookups, choice, interval_seconds);
+  Loop loop(*terminal, source, nullptr, lookups, choice, interval_seconds);
   const bool is_over = loop.run();
   Room room = terminal->room();
   --room.rows;  // the line of the next prompt
   terminal.reset();
   // What was drawn goes with the screen; who asked for so many samples is to find the last one.
   if (is_over) output.write(loop.lastText(room));
+}
+
+void runReplay(std::unique_ptr<CursesTerminal> terminal, ReplaySource& source, LookupThread* lookups,
+               const ProcessChoice& choice, double interval_seconds) {
+  Loop(*terminal, source, &source, lookups, choice, interval_seconds).run();
 }
 
 }  // namespace volorn::ctl

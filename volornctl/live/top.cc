@@ -136,13 +136,27 @@ bool TopCommand::show(const Surroundings& surroundings) {
   return true;
 }
 
+bool TopCommand::showRecord(const Surroundings& surroundings) {
+  const std::unique_ptr<ReplaySource> record = openReplay(replay_, interval_seconds_);
+  std::unique_ptr<CursesTerminal> terminal =
+      CursesTerminal::open(STDIN_FILENO, surroundings.output, surroundings.colour);
+  if (!terminal) return false;
+  LookupThread lookups(makeUserLookups());
+  // The users of another machine are not this one's.
+  LookupThread* names = replay_.path.empty() ? &lookups : nullptr;
+  runReplay(std::move(terminal), *record, names, choice_, interval_seconds_);
+  if (lookups.isLooking()) _exit(0);
+  return true;
+}
+
 void TopCommand::run(const Surroundings& surroundings) {
   const bool is_replay = replay_option_ && replay_option_->count() > 0;
   const bool is_terminal = surroundings.output.isTerminal() && !json_;
   if (is_terminal && !CursesTerminal::isBuilt()) {
     surroundings.errors.write("volornctl: built without ncurses, so there is no screen: samples follow\n");
   }
-  if (is_terminal && show(surroundings)) return;
+  const bool has_end = !replay_.since.empty() || !replay_.until.empty();
+  if (is_terminal && !has_end && (is_replay ? showRecord(surroundings) : show(surroundings))) return;
   endAtInterrupt();
   is_replay ? printRecord(surroundings) : follow(surroundings);
 }

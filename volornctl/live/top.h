@@ -23,6 +23,7 @@ class TopCommand : public Command {
 
   // False where there is no screen to show anything on.
   bool show(const Surroundings& surroundings);
+  bool showRecord(const Surroundings& surroundings);
 
   double interval_seconds_ = 1;
   std::optional<std::int64_t> count_;

@@ -45,10 +45,23 @@ constexpr std::array kHelp = {
     HelpLine{nullptr, "! marks what is busy, short or hot."},
 };
 
-std::vector<FrameLine> helpLines(std::size_t max_columns) {
+constexpr std::array kReplayHelp = {
+    HelpLine{"arrows", "Left and Right: a sample back or on"},
+    HelpLine{"[ ]", "a minute back or on"},
+    HelpLine{"{ }", "an hour back or on"},
+    HelpLine{"g", "go to a time (UTC)"},
+    HelpLine{"f", "on to where a process of this name ran; n: to the next"},
+    HelpLine{"b", "on to where the processors were busy"},
+    HelpLine{"Space", "play, at + and - faster or slower"},
+    HelpLine{nullptr,
+             "The strip is all that was recorded. z: asleep, x: nothing was recorded, !: the clock was set."},
+    HelpLine{nullptr, ""},
+};
+
+template <typename Help>
+void addHelp(std::vector<FrameLine>& lines, const Help& help, std::size_t max_columns) {
   constexpr std::size_t kKeyColumns = 9;
-  std::vector<FrameLine> lines;
-  for (const HelpLine& line : kHelp) {
+  for (const HelpLine& line : help) {
     const std::size_t beside = line.keys ? kKeyColumns : 0;
     std::string keys = line.keys ? line.keys : "";
     for (std::string& text : wrapped(line.text, max_columns - std::min(max_columns, beside))) {
@@ -56,7 +69,6 @@ std::vector<FrameLine> helpLines(std::size_t max_columns) {
                        {.text = std::move(text)}});
     }
   }
-  return lines;
 }
 
 // Cuts the line where the screen ends.
@@ -93,11 +105,14 @@ FrameLine TopScreen::titleLine() const {
   if (choice_.uid) text += "  user: " + userText(*choice_.uid, users_);
   if (choice_.order != Column::kCpu) text += std::string("  by ") + traitsOf(choice_.order).name;
   text += "  " + (sample_ ? utcTime(sample_->at) : "taking the first sample");
-  char seconds[32];
-  std::snprintf(seconds, sizeof seconds, "%.7g", interval_seconds_);
-  text += std::string("  every ") + seconds + " s";
+  if (replayed_) text += replayText();
+  if (!replayed_ || !is_paused_) {
+    char seconds[32];
+    std::snprintf(seconds, sizeof seconds, "%.7g", interval_seconds_);
+    text += std::string("  every ") + seconds + " s";
+  }
   return {{.text = "volornctl top", .style = Style::kStrong},
-          {.text = is_paused_ ? "  PAUSED" : "", .style = Style::kAlarm},
+          {.text = is_paused_ && !replayed_ ? "  PAUSED" : "", .style = Style::kAlarm},
           {.text = plain(std::move(text)), .style = Style::kStrong}};
 }
 
@@ -231,6 +246,10 @@ std::string TopScreen::promptText() const {
       return "Name: " + escaped(typed_) + "_";
     case Mode::kUser:
       return "User: " + escaped(typed_) + "_";
+    case Mode::kTime:
+      return "Time, as 2026-11-23T04:05:06Z or 04:05 UTC: " + escaped(typed_) + "_";
+    case Mode::kFind:
+      return "Ran: " + escaped(typed_) + "_";
     case Mode::kProcess:
       return std::string(is_paused_ ? "PAUSED  " : "") + "Escape: back  Up, Down, Page: move  Space: pause";
     case Mode::kHelp:
@@ -240,6 +259,8 @@ std::string TopScreen::promptText() const {
   }
   if (!message_.empty()) return message_;
   std::string text = "?: help  Enter: process  /: name  u: user  t: tree  c: command lines  q: leave";
+  if (replayed_)
+    text = "?: help  Left Right [ ] { }: move  g: time  f n: find  b: busy  Space: play  q: leave";
   if (list_.empty() && sample_) text = "no process is so; " + text;
   return text;
 }
@@ -254,7 +275,8 @@ Frame TopScreen::draw(const Room& room) {
       lines = page_->lines(room.columns, unicode_, users_,
                            command_line == command_lines_.end() ? "" : command_line->second);
     } else {
-      lines = helpLines(room.columns);
+      if (replayed_) addHelp(lines, kReplayHelp, room.columns);
+      addHelp(lines, kHelp, room.columns);
     }
     rows_ = room.rows > 1 ? room.rows - 1 : 1;
     page_lines_ = lines.size();
@@ -264,6 +286,7 @@ Frame TopScreen::draw(const Room& room) {
     }
   } else {
     addHead(frame, room);
+    if (replayed_) addStrip(frame, room);
     if (sample_) addList(frame, room);
   }
   frame.lines.resize(std::max<std::size_t>(room.rows, 1) - 1);

@@ -58,11 +58,14 @@ void TopScreen::relist() {
 
 bool TopScreen::press(const Key& key) {
   message_.clear();
+  if (replayed_ && pressInReplay(key)) return true;
   switch (mode_) {
     case Mode::kList:
       return pressInList(key);
     case Mode::kFilter:
     case Mode::kUser:
+    case Mode::kTime:
+    case Mode::kFind:
       pressInPrompt(key);
       return true;
     case Mode::kProcess:
@@ -125,12 +128,10 @@ bool TopScreen::pressCharacter(char key) {
       first_line_ = 0;
       break;
     case '/':
-      mode_ = Mode::kFilter;
-      typed_ = choice_.name;
+      ask(Mode::kFilter, choice_.name);
       break;
     case 'u':
-      mode_ = Mode::kUser;
-      typed_.clear();
+      ask(Mode::kUser, "");
       break;
     case 'P':
     case 'M':
@@ -199,6 +200,26 @@ void TopScreen::changeInterval(int way) {
   }
 }
 
+void TopScreen::ask(Mode mode, std::string typed) {
+  mode_ = mode;
+  typed_ = std::move(typed);
+}
+
+// What was typed is done, but for the filter, which is at every key.
+void TopScreen::answer() {
+  const Mode asked = std::exchange(mode_, Mode::kList);
+  if (asked == Mode::kUser) {
+    choice_.user = typed_;
+    choice_.uid.reset();
+  } else if (asked == Mode::kTime && !typed_.empty()) {
+    move_ = {.kind = Move::Kind::kTime, .text = typed_};
+  } else if (asked == Mode::kFind && !typed_.empty()) {
+    sought_ = typed_;
+    move_ = {.kind = Move::Kind::kProcess, .amount = 1, .text = typed_};
+    message_ = "searching; any other move ends it";
+  }
+}
+
 void TopScreen::pressInPrompt(const Key& key) {
   const bool is_filter = mode_ == Mode::kFilter;
   switch (key.name) {
@@ -213,10 +234,7 @@ void TopScreen::pressInPrompt(const Key& key) {
       if (is_filter) choice_.name.clear();
       break;
     case KeyName::kEnter:
-      mode_ = Mode::kList;
-      if (is_filter) break;
-      choice_.user = typed_;
-      choice_.uid.reset();
+      answer();
       break;
     default:
       moveTo(key);

@@ -6,12 +6,14 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "volornctl/live/frame.h"
 #include "volornctl/live/lookups.h"
 #include "volornctl/live/machine_lines.h"
 #include "volornctl/live/process_list.h"
 #include "volornctl/live/process_page.h"
+#include "volornctl/live/replay_source.h"
 #include "volornctl/live/sample.h"
 #include "volornctl/output.h"
 
@@ -27,6 +29,12 @@ class TopScreen {
   void take(std::shared_ptr<const Sample> sample);
   void take(const Found& found);
 
+  // Of a replay, before its sample.
+  void take(const Replayed& replayed);
+
+  // Where the key pressed last leads in a replay.
+  std::optional<Move> takeMove() { return std::exchange(move_, std::nullopt); }
+
   // False when it is to be left.
   bool press(const Key& key);
 
@@ -40,12 +48,15 @@ class TopScreen {
   Wanted wanted() const;
 
  private:
-  enum class Mode { kList, kProcess, kHelp, kFilter, kUser };
+  enum class Mode { kList, kProcess, kHelp, kFilter, kUser, kTime, kFind };
 
   bool pressInList(const Key& key);
   bool pressCharacter(char key);
   void pressInPrompt(const Key& key);
   void pressInPage(const Key& key);
+  bool pressInReplay(const Key& key);
+  void ask(Mode mode, std::string typed);
+  void answer();
   bool moveTo(const Key& key);
   void chooseOrder(Column order);
   void moveOrder(int way);
@@ -54,6 +65,7 @@ class TopScreen {
   void openSelected();
 
   void addHead(Frame& frame, const Room& room) const;
+  void addStrip(Frame& frame, const Room& room) const;
   void addList(Frame& frame, const Room& room);
   FrameLine headingLine(const std::vector<Column>& columns, std::size_t max_columns) const;
   FrameLine rowLine(std::size_t place, const std::vector<Column>& columns, std::size_t max_columns) const;
@@ -61,6 +73,7 @@ class TopScreen {
   std::string commandText(const ProcessRow& row) const;
   std::string promptText() const;
   FrameLine titleLine() const;
+  std::string replayText() const;
   std::string plain(std::string text) const;
 
   ProcessChoice choice_;
@@ -71,6 +84,10 @@ class TopScreen {
   Mode mode_ = Mode::kList;
   std::string typed_;
   std::string message_;
+
+  std::optional<Replayed> replayed_;  // of a replay
+  std::optional<Move> move_;
+  std::string sought_;  // the name that was searched for last
 
   std::shared_ptr<const Sample> sample_;
   ProcessList list_;

@@ -14,4 +14,8 @@ std::size_t replay(const ReplayChoice& /*choice*/, const std::function<bool(cons
   return 0;
 }
 
+std::unique_ptr<ReplaySource> openReplay(const ReplayChoice& /*choice*/, double /*interval_seconds*/) {
+  return nullptr;
+}
+
 }  // namespace volorn::ctl

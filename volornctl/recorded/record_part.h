@@ -30,6 +30,13 @@ struct SampleMark {
 
 SampleMark markOf(const Sample& sample);
 
+// What is known of a recorded sample without its line.
+struct RecordedSample {
+  SampleMark mark = {};
+  Break begins = Break::kNone;  // before it
+  double break_seconds = 0;
+};
+
 // A run of samples that nothing breaks, as the file keeps it. Several make a block, whose lines are one
 // stream of zstd, flushed at the end of each: a part is read with those of its block before it.
 struct RecordPart {

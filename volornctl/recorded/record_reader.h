@@ -12,13 +12,6 @@
 
 namespace volorn::ctl {
 
-// What is known of a recorded sample without its line.
-struct RecordedSample {
-  SampleMark mark = {};
-  Break begins = Break::kNone;  // before it
-  double break_seconds = 0;
-};
-
 // Reads a record, from whatever machine, without writing a byte to it or beside it. Nothing in it is trusted.
 // Each call holds the file for one block at most. Every failure is a std::runtime_error whose text is for
 // people.

@@ -1,11 +1,14 @@
 #include "volornctl/recorded/replay.h"
 
 #include <limits>
+#include <stdexcept>
 #include <string_view>
+#include <utility>
 
 #include "volornctl/recorded/record.h"
 #include "volornctl/recorded/record_path.h"
 #include "volornctl/recorded/record_reader.h"
+#include "volornctl/recorded/replaying_thread.h"
 #include "volornctl/recorded/sample_text.h"
 #include "volornctl/text/time_text.h"
 
@@ -14,6 +17,13 @@ namespace {
 
 constexpr double kSecondsPerDay = 86'400;
 constexpr std::string_view kDay = "2026-11-23";
+
+const std::string kNoTime =
+    "not a day such as 2026-11-23, nor a time such as 2026-11-23T04:05:06Z or 04:05: ";
+
+Date endOf(const std::vector<RecordedSample>& samples) {
+  return Date::fromSecondsSince1970(static_cast<double>(samples.back().mark.at_ms) / 1000);
+}
 
 }  // namespace
 
@@ -40,19 +50,39 @@ std::optional<Date> timeInRecord(const std::string& text, const Date& end) {
   return std::nullopt;
 }
 
+std::optional<std::size_t> placeAtTime(const std::vector<RecordedSample>& samples, const std::string& text,
+                                       std::string& message) {
+  const std::optional<Date> date = timeInRecord(text, endOf(samples));
+  if (!date) {
+    message = kNoTime + text;
+    return std::nullopt;
+  }
+  const double at_ms = date->secondsSince1970() * 1000;
+  std::size_t place = samples.size();
+  while (place > 0 && static_cast<double>(samples[place - 1].mark.at_ms) > at_ms) --place;
+  return place == 0 ? 0 : place - 1;
+}
+
+std::unique_ptr<ReplaySource> openReplay(const ReplayChoice& choice, double interval_seconds) {
+  const std::string path = choice.path.empty() ? recordToRead() : choice.path;
+  auto reader = std::make_unique<RecordReader>(path);
+  if (reader->samples().empty()) throw std::runtime_error(path + ": holds no sample yet");
+  std::optional<std::size_t> place = reader->samples().size() - 1;
+  std::string message;
+  if (!choice.at.empty()) place = placeAtTime(reader->samples(), choice.at, message);
+  if (!place) throw CLI::ValidationError("--at", message);
+  return std::make_unique<ReplayingThread>(std::move(reader), *place, interval_seconds);
+}
+
 std::size_t replay(const ReplayChoice& choice, const std::function<bool(const Sample&)>& show) {
   RecordReader reader(choice.path.empty() ? recordToRead() : choice.path);
   const std::vector<RecordedSample>& samples = reader.samples();
   if (samples.empty()) return 0;
-  const Date end = Date::fromSecondsSince1970(static_cast<double>(samples.back().mark.at_ms) / 1000);
+  const Date end = endOf(samples);
   const auto msOf = [&](const char* option, const std::string& text, std::int64_t otherwise) {
     if (text.empty()) return otherwise;
     const std::optional<Date> date = timeInRecord(text, end);
-    if (!date)
-      throw CLI::ValidationError(option,
-                                 "not a day such as 2026-11-23, nor a time such as "
-                                 "2026-11-23T04:05:06Z or 04:05: " +
-                                     text);
+    if (!date) throw CLI::ValidationError(option, kNoTime + text);
     return static_cast<std::int64_t>(date->secondsSince1970() * 1000);
   };
   const std::int64_t since_ms = msOf("--since", choice.since, std::numeric_limits<std::int64_t>::min());

@@ -5,9 +5,11 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/date.h"
 #include "volornctl/command.h"
+#include "volornctl/live/replay_source.h"
 #include "volornctl/live/sample.h"
 
 namespace volorn::ctl {
@@ -31,7 +33,15 @@ struct ReplayChoice {
 // a choice that makes no sense.
 std::size_t replay(const ReplayChoice& choice, const std::function<bool(const Sample&)>& show);
 
+// For a screen. Throws as the above, also for a record without a sample. Null where this is not built.
+std::unique_ptr<ReplaySource> openReplay(const ReplayChoice& choice, double interval_seconds);
+
 // The moment that a choice's text means in a record that ends then. None for what is no time.
 std::optional<Date> timeInRecord(const std::string& text, const Date& end);
+
+// The last sample that was not taken after that time, or the first of all. None for what is no time:
+// `message` tells.
+std::optional<std::size_t> placeAtTime(const std::vector<RecordedSample>& samples, const std::string& text,
+                                       std::string& message);
 
 }  // namespace volorn::ctl

@@ -52,6 +52,10 @@ std::optional<KeyName> nameOf(wint_t code) {
       return KeyName::kUp;
     case KEY_DOWN:
       return KeyName::kDown;
+    case KEY_LEFT:
+      return KeyName::kLeft;
+    case KEY_RIGHT:
+      return KeyName::kRight;
     case KEY_PPAGE:
       return KeyName::kPageUp;
     case KEY_NPAGE:

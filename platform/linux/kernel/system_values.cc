@@ -145,7 +145,10 @@ int LinuxKernel::sysctl(SysctlName name, SwapUsage& record) {
 
 int LinuxKernel::readInterfaceList(std::byte* buffer, std::size_t& length_bytes) {
   constexpr std::size_t kLinksThatMayCome = 4;  // between the call for the size and that for the list
-  if (const int error = readSystemFile("/net/dev")) return failed(error);
+  // The machine's network is that of its first process; this one may have been given another, or not be shown that.
+  if (readSystemFile("/1/net/dev") != 0) {
+    if (const int error = readSystemFile("/net/dev")) return failed(error);
+  }
   const std::optional<std::vector<LinkCounters>> links = parseNetDev(buffer_.text());
   if (!links) return failed(EIO);
   constexpr std::size_t kMessageBytes = interface_message::kInformation64Bytes;

@@ -9,9 +9,11 @@
 
 #include "tests/temporary_folder.h"
 #include "volornctl/live/process_list.h"
+#include "volornctl/live/replay_strip.h"
 #include "volornctl/live/top_json.h"
 #include "volornctl/recorded/record_reader.h"
 #include "volornctl/recorded/recorder.h"
+#include "volornctl/recorded/replay.h"
 #include "volornctl/recorded/sample_text.h"
 
 namespace volorn::ctl {
@@ -191,11 +193,70 @@ TEST_F(RecordTest, DamageIsSkipped) {
   EXPECT_LT(refusals, 75);
 }
 
+TEST_F(RecordTest, AReaderThatHangsCostsAWaitAndNoSample) {
+  RecordFile file(path_, kLeastKeptBytes, tell_);
+  Recorder recorder(file, kDefaultRecordSeconds, tell_);
+  const auto take = [&](int samples) {
+    for (; samples > 0; --samples) {
+      const Sample sample = churn_.next();
+      recorder.take(sample, lines_.emplace_back(lineOf(sample)), 0);
+    }
+  };
+  take(13);
+  {
+    linux_host::Database reader(path_, linux_host::Database::Access::kReadOnly, 0);
+    linux_host::Statement reading = reader.prepare("SELECT * FROM part");
+    reading.step();
+    take(12);
+    EXPECT_EQ(told_.size(), 1U);
+  }
+  take(12);
+  EXPECT_EQ(told_.back(), "the record goes on");
+  EXPECT_EQ(checkRecord(path_), 37U);
+}
+
+// A record of an hour at 5 s, asleep for another in its middle, then set back by a minute.
+std::vector<RecordedSample> hourWithBreaks() {
+  std::vector<RecordedSample> samples;
+  std::int64_t at_ms = 0;
+  for (int i = 0; i < 720; ++i) {
+    Break begins = Break::kNone;
+    if (i == 360) begins = Break::kSleep;
+    if (i == 540) begins = Break::kClock;
+    at_ms += i == 360 ? 3'600'000 : i == 540 ? -60'000 : 5'000;
+    samples.push_back(
+        {.mark = {.at_ms = at_ms, .busy_percent = i < 360 ? 100 : 0, .used_percent = {}}, .begins = begins});
+  }
+  return samples;
+}
+
+TEST(ReplayStripTest, ShowsTheWholeRecordAndItsGaps) {
+  const ReplayStrip strip = stripOf(hourWithBreaks(), 719, 8);
+  EXPECT_EQ(graph(strip.busy_percent, {.low = 0, .high = 100}, false), "##    __");
+  EXPECT_EQ(graph(strip.used_percent, {.low = 0, .high = 100}, false), "        ");
+  EXPECT_EQ(strip.breaks, "  zzzzz!");
+  EXPECT_EQ(strip.place, 7U);
+}
+
+TEST(ReplayTest, TimesLeadToTheSampleThen) {
+  const std::vector<RecordedSample> samples = hourWithBreaks();
+  const std::pair<const char*, std::optional<std::size_t>> cases[] = {
+      {"1970-01-01T00:00:05Z", 0}, {"1969-12-31", 0},           {"00:01", 11}, {"01:29:00", 359},
+      {"2026-11-23", 719},         {"1970-01-01T00:00:14Z", 1}, {"23:59", 0},  {"yesterday", std::nullopt},
+      {"25:00", std::nullopt},
+  };
+  for (const auto& [text, place] : cases) {
+    std::string message;
+    EXPECT_EQ(placeAtTime(samples, text, message), place) << text;
+    EXPECT_EQ(message.empty(), place.has_value());
+  }
+}
+
 TEST(LineStreamTest, WhatWouldTakeAllMemoryIsRefused) {
   LineCompressor compressor;
   compressor.begin(1 << 20);
   const std::string blanks(1 << 20, ' ');
-  for (int i = 0; i < 200; ++i) compressor.add(blanks);
+  for (int i = 0; i < 110; ++i) compressor.add(blanks);
   LineExpander expander;
   std::string text;
   EXPECT_FALSE(expander.expand(compressor.take(true), text));
