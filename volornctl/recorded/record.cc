@@ -45,8 +45,8 @@ double secondsOf(clockid_t clock) {
   return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
-// While it lives, signals that ask the process to end wait to be asked for. One that it was started to ignore
-// stays ignored.
+// From when it is made, signals that ask the process to end wait to be asked for, also while that ends and
+// writes what it holds. One that it was started to ignore stays ignored.
 class EndSignals {
  public:
   EndSignals() {
@@ -56,13 +56,10 @@ class EndSignals {
       struct sigaction before = {};
       if (sigaction(end, nullptr, &before) == 0 && before.sa_handler != SIG_IGN) sigaddset(&ends, end);
     }
-    sigprocmask(SIG_BLOCK, &ends, &before_);
+    sigprocmask(SIG_BLOCK, &ends, nullptr);
     waiting_ = linux_host::FileDescriptor(signalfd(-1, &ends, SFD_CLOEXEC));
     if (!waiting_) throw std::system_error(errno, std::generic_category(), "signalfd");
   }
-  ~EndSignals() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
-  EndSignals(const EndSignals&) = delete;
-  EndSignals& operator=(const EndSignals&) = delete;
 
   // Whether one came before that moment.
   bool waitUntil(Clock::time_point moment) const {
@@ -77,7 +74,6 @@ class EndSignals {
   }
 
  private:
-  sigset_t before_ = {};
   linux_host::FileDescriptor waiting_;
 };
 
