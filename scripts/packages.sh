@@ -27,7 +27,9 @@ say() { printf '\n== %s\n' "$*"; }
 without_services=(-o 'DPkg::Options::=--path-exclude=/lib/systemd/system/prometheus*'
   -o 'DPkg::Options::=--path-exclude=/etc/init.d/prometheus*'
   -o 'DPkg::Options::=--path-exclude=/lib/systemd/system/victoria*'
-  -o 'DPkg::Options::=--path-exclude=/etc/init.d/victoria*')
+  -o 'DPkg::Options::=--path-exclude=/etc/init.d/victoria*'
+  -o 'DPkg::Options::=--path-exclude=/lib/systemd/system/atop*'
+  -o 'DPkg::Options::=--path-exclude=/etc/init.d/atop*' -o 'DPkg::Options::=--path-exclude=/etc/cron.d/atop')
 
 # Installs those of the named packages that are missing; anyone but root is told which they are.
 install_missing() {
