@@ -145,7 +145,8 @@ int LinuxKernel::sysctl(SysctlName name, SwapUsage& record) {
 
 int LinuxKernel::readInterfaceList(std::byte* buffer, std::size_t& length_bytes) {
   constexpr std::size_t kLinksThatMayCome = 4;  // between the call for the size and that for the list
-  // The machine's network is that of its first process; this one may have been given another, or not be shown that.
+  // The machine's network is that of its first process: this one may have been given another. It may also not
+  // be shown that process.
   if (readSystemFile("/1/net/dev") != 0) {
     if (const int error = readSystemFile("/net/dev")) return failed(error);
   }
