@@ -113,13 +113,13 @@ class RecordKeptTest(host.Test):
             self.assertEqual(hour, "2026-11-23T05:05:06.000Z", "the newest")
 
     def testSignalsWriteWhatIsHeld(self):
-        host.restore({})
         for end in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+            host.restore({})
             recorder = subprocess.Popen(
                 [host.VOLORNCTL, "record", "--interval", "0.01", "--output", str(FILE)],
                 stderr=subprocess.PIPE,
             )
-            # Its clock is read after it has taken hold of its signals and of the file.
+            # It takes hold of its signals before it makes its files.
             self.assertTrue(host.waitFor(lambda: pathlib.Path(f"{FILE}-journal").exists()))
             recorder.send_signal(end)
             self.assertEqual((recorder.wait(), recorder.stderr.read()), (0, b""))
