@@ -17,6 +17,7 @@ class ManualTest(unittest.TestCase):
         names = [
             "volorn-keys.7",
             "volorn-push.8",
+            "volorn-record.service.8",
             "volornctl-json.7",
             "volornctl.1",
             "volornd.8",

@@ -11,7 +11,8 @@ import unittest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 MANUALS = (
-    "man1/volornctl.1 man7/volorn-keys.7 man7/volornctl-json.7 man8/volorn-push.8 man8/volornd.8 man8/waketide.8"
+    "man1/volornctl.1 man7/volorn-keys.7 man7/volornctl-json.7 man8/volorn-push.8 "
+    "man8/volorn-record.service.8 man8/volornd.8 man8/waketide.8"
 ).split()
 SHELLS = (
     "bash-completion/completions/volornctl zsh/site-functions/_volornctl "
@@ -19,7 +20,7 @@ SHELLS = (
 ).split()
 ENABLED = "volorn.service volorn-guard.timer volorn-note-boot.service volorn-note-sleep.service".split()
 UNITS = [*ENABLED, "volorn-arm.service", "volorn-guard.service", "volorn-note.service"]
-UNITS += ["volorn-push.service", "volorn-push.timer"]
+UNITS += ["volorn-push.service", "volorn-push.timer", "volorn-record.service"]
 
 ALPINE = (
     '. packaging/alpine/APKBUILD; cmake() { [ "$1" != -B ] || printf "%s\\n" "$@"; }; build; echo $pkgver'
@@ -60,7 +61,9 @@ class InstallTest(unittest.TestCase):
         files = {str(path)[len(str(target)) :]: path for path in target.rglob("*") if not path.is_dir()}
         self.assertEqual(sorted(files), sorted(expected))
         for path in files.values():
-            starts = re.findall(r"(/\S*|@\S*)/(?:waketide|volornd|volorn-push)(?=[\s\"])", path.read_text())
+            text = path.read_text()
+            starts = re.findall(r"(/\S*|@\S*)/(?:waketide|volornd|volorn-push)(?=[\s\"])", text)
+            starts += [sbindir] * text.count(f"ExecStart={bindir}/volornctl record ")
             if path.suffix == ".service" or path.parent.name == "init.d":
                 self.assertEqual(set(starts), {sbindir}, path)
 
@@ -77,6 +80,7 @@ class InstallTest(unittest.TestCase):
         options = re.search(r'EXTRA_OECMAKE = "(.*?)"\n', text, re.DOTALL)[1].replace("\\\n", "").split()
         others = [f"/lib/systemd/system/{unit}" for unit in UNITS]
         others += ["/lib/udev/rules.d/60-volorn.rules", "/usr/lib/sysusers.d/volorn.conf"]
+        others.append("/usr/lib/sysusers.d/volorn-record.conf")
         self.checkInstalled(
             ["-DCMAKE_INSTALL_PREFIX=/usr", "-DVOLORN_SYSTEMD=ON", *options],
             "/usr/bin",
@@ -92,6 +96,7 @@ class InstallTest(unittest.TestCase):
             "/e/init.d/volorn",
             "/opt/v/r/60-volorn.rules",
             "/y/volorn.conf",
+            "/y/volorn-record.conf",
             *(f"/u/{unit}" for unit in UNITS),
         ]
         self.checkInstalled(OWN_FOLDERS.split(), "/opt/v/b", "/opt/v/s/b", "/opt/v/d", "/m", others)
