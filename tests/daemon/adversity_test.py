@@ -130,14 +130,6 @@ class AdversityTest(host.Test):
                 self.assertEqual(self.runDaemon(), log)
                 self.checkRun(before, host.readState())
 
-    def testReadersOfPagesThatHoldEachOther(self):
-        yesterday = self.makeStateOf(2)
-        host.restore({**yesterday, "volorn.db": withEndlessPages(yesterday["volorn.db"])})
-        for command in ("metrics", "history"):
-            *ended, errors = host.run(host.VOLORNCTL, command, "--json", timeout=120)
-            self.assertEqual(ended, [1, ""])
-            self.assertIn("damaged (interrupted)", errors)
-
     def testStarved(self):
         """All of the run is kept, or nothing and the log says so. Then one that lacks nothing."""
         yesterday = self.makeStateOf(2)

@@ -173,19 +173,5 @@ TEST(ControllerTest, EventsAreOnlyLogged) {
   EXPECT_TRUE(controller.expired());
 }
 
-TEST(ControllerTest, PlansAreSharedUntilTheyDiffer) {
-  Host host;
-  host.plan(kNoon);
-  const Services services = host.services();
-  const ScopedServices scoped(services);
-  const auto controller = voLornController::init();
-  EXPECT_EQ(controller->expectedWakeupTime(), controller->plannedNextWakeupTime());
-  EXPECT_EQ(controller->lastWakeupTime(), 0.0);
-  controller->_handleRequest(nullptr);
-  EXPECT_EQ(controller->expectedWakeupTime()->secondsSince1970(), kNoon);
-  EXPECT_EQ(controller->plannedNextWakeupTime()->secondsSince1970(), 20001 * kDay);
-  host.waketide.handler = nullptr;
-}
-
 }  // namespace
 }  // namespace volorn

@@ -1,12 +1,11 @@
 """Whole devices, from the first boot until the package is purged: each scenario tells what it saw, or why it failed.
 
-    lab.py FOLDER [--control] [SCENARIO ...]      FOLDER holds what scripts/lab makes"""
+    lab.py FOLDER [SCENARIO ...]      FOLDER holds what scripts/lab makes"""
 
 import argparse
 import base64
 import calendar
 import io
-import json
 import pathlib
 import re
 import subprocess
@@ -31,8 +30,8 @@ BUSY = "systemctl list-units --plain --no-legend --state=activating volorn.servi
 class Device:
     """A machine that is up, and what it keeps, which we look at with programs of ours, not of its own."""
 
-    def __init__(self, folder, disk, log, control):
-        self.folder, self.disk, self.log, self.control, self.fault = folder, disk, log, control, "none"
+    def __init__(self, folder, disk, log):
+        self.folder, self.disk, self.log = folder, disk, log
         self.switch_on(FIRST_BOOT)
 
     def switch_on(self, at, **options):
@@ -42,13 +41,6 @@ class Device:
         said = " ".join(self.run(BOOTED).split())
         print(f"up after {time.monotonic() - began:.0f} s: {said}", flush=True)
         assert said == "running", said
-        self.putIn(self.fault)
-
-    def putIn(self, fault):
-        """Alone, for a control."""
-        self.fault = fault
-        if self.control:
-            self.run(f"rm -rf /etc/volorn-fault; mkdir /etc/volorn-fault; touch /etc/volorn-fault/{fault}")
 
     def files(self):
         packed = self.run(
@@ -223,33 +215,6 @@ def thermal(device):
     return "three temperatures"
 
 
-def identifiers(device):
-    rows = json.loads(device.run("volornctl memory --json"))["processes"]
-    links = dict(re.findall(r"^(\d+) (/.+)$", device.run(LINKS), re.MULTILINE))
-    known, seen = {}, 0
-    for row in rows:
-        if path := links.get(str(row["pid"])):
-            if path not in known:
-                known[path] = build_id(device.pristine, path)
-            check(path, row["uuid"], known[path])
-            seen += 1
-    assert seen >= 5, f"only {seen} programs"
-    return f"{seen} processes of {len(known)} programs"
-
-
-LINKS = "for folder in /proc/[0-9]*; do echo ${folder#/proc/} $(readlink $folder/exe); done"
-
-
-def build_id(disk, path):
-    """Of the program on this disk."""
-    with tempfile.NamedTemporaryFile() as copy:
-        subprocess.run(["debugfs", "-R", f"dump {path} {copy.name}", disk], check=True, capture_output=True)
-        notes = subprocess.run(
-            ["readelf", "-nW", copy.name], check=True, capture_output=True, text=True
-        ).stdout
-    return re.search(r"Build ID: (\w+)", notes)[1][:32].ljust(32, "0")
-
-
 def days(device):
     """Three of them, with the clock stepped to and fro around each midnight."""
     for _ in range(3):
@@ -263,40 +228,34 @@ def days(device):
     return "three snapshots"
 
 
-SCENARIOS = {
-    function.__name__: function for function in (running, battery, usage, thermal, identifiers, days)
-}
+SCENARIOS = {function.__name__: function for function in (running, battery, usage, thermal, days)}
 
 
 def attempt(name, scenario, device):
-    """Whether it came out as it should: green, or red where its fault is in."""
+    """Whether it came out as it should."""
     began = time.monotonic()
-    device.putIn(name)
     try:
         verdict, seen = "green", scenario(device)
     except AssertionError as error:
         verdict, seen = "red", repr(error)
-        if not device.control:
-            traceback.print_exc()
+        traceback.print_exc()
     print(f"{name}: {verdict} after {time.monotonic() - began:.0f} s: {seen}", flush=True)
-    return verdict == ("red" if device.control else "green")
+    return verdict == "green"
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("folder", type=pathlib.Path)
-    parser.add_argument("--control", action="store_true")
     parser.add_argument("scenarios", nargs="*", metavar="SCENARIO")
     given = parser.parse_args()
     names = given.scenarios or list(SCENARIOS)
-    disk = given.folder / ("faulty.ext4" if given.control else "shipped.ext4")
+    disk = given.folder / "shipped.ext4"
     log = given.folder / "console.log"
     log.unlink(missing_ok=True)
     with tempfile.TemporaryDirectory(dir=given.folder) as folder:
         copy = pathlib.Path(folder) / "disk"
         subprocess.run(["cp", "--sparse=always", disk, copy], check=True)
-        device = Device(given.folder, copy, log, disk if given.control else None)
-        device.pristine = disk
+        device = Device(given.folder, copy, log)
         try:
             failed = [name for name in names if not attempt(name, SCENARIOS[name], device)]
         finally:

@@ -254,17 +254,6 @@ TEST_F(ProcessUpdateTest, CallsThatFail) {
   EXPECT_EQ(kernel.lentArrays(), 0U);
 }
 
-TEST_F(ProcessUpdateTest, NothingWasBeforeTheFirstSampleThoughItUpdatesTwice) {
-  setFigures(task, 1001);
-  task.regions = regionsFrom(kPage, {top(ShareMode::empty, 0, 0)});
-  sample();
-  PortName port = 0;
-  ASSERT_EQ(kernel.task_for_pid(kernel.mach_task_self(), kPid, port), kKernelSuccess);
-  EXPECT_EQ(libtop_process_update(port, true), kProcessUpdated);
-  const ProcessSample& p = process(kPid);
-  EXPECT_EQ(flat(p.threads_prev, p.running_threads_prev, p.region_count_prev, p.workqueue_prev), Values(6));
-}
-
 TEST_F(ProcessUpdateTest, UnreadableThreadKeepsItsPort) {
   task.threads = {thread(RunState::stopped), thread(RunState::running), thread(RunState::halted)};
   fail("thread_info", kPid, kKernelFailure, 1);
@@ -273,23 +262,6 @@ TEST_F(ProcessUpdateTest, UnreadableThreadKeepsItsPort) {
   EXPECT_EQ(process(kPid).state, kProcessStopped);
   EXPECT_EQ(kernel.lentPorts(), 2U);
   EXPECT_EQ(kernel.lentArrays(), 0U);
-}
-
-TEST_F(ProcessUpdateTest, ProcessorTypeNameIsResolvedOnce) {
-  fail("sysctlnametomib sysctl.proc_cputype");
-  sample();
-  EXPECT_TRUE(walked().empty());
-  kernel.failures.clear();
-  kernel.processor_type_name_length = CachedName::kCapacity;
-  sample();
-  sample();
-  EXPECT_EQ(process(kPid).cpu_type, 0x1000007U);
-  EXPECT_EQ(std::count(host.calls.begin(), host.calls.end(), "sysctlnametomib sysctl.proc_cputype"), 2);
-  // An empty name leaves the type unknown.
-  kernel.processor_type_name_length = 0;
-  sampler.processor_type_name = {};
-  sample();
-  EXPECT_EQ(process(kPid).cpu_type, 0U);
 }
 
 TEST_F(ProcessUpdateTest, OutOfMemoryFailsTheSampleAfterAllProcesses) {

@@ -137,7 +137,7 @@ class Servant {
   linux_host::FileDescriptor answers_;
 };
 
-// What an actor does of its own when it is told; the letters are in no order.
+// What an actor does when it is told.
 void act(char order) {
   static std::vector<std::pair<char*, std::size_t>> maps;
   static std::list<std::thread> threads;
@@ -145,7 +145,6 @@ void act(char order) {
   static std::condition_variable begun;
   static std::condition_variable ended;
   static std::size_t wanted = 0;
-  static std::vector<int> files;
   static std::vector<pid_t> children;
   static std::minstd_rand random(static_cast<unsigned>(getpid()));
   const std::size_t number = random() % kArenaPages;
@@ -191,17 +190,6 @@ void act(char order) {
       wanted = order == 't' ? threads.size() + 1 : wanted - std::min<std::size_t>(wanted, 1);
       break;
     }
-    case 'o':
-      files.push_back(dup(0));
-      break;
-    case 'c':
-      if (files.empty()) break;
-      close(files.back());
-      files.pop_back();
-      break;
-    case 'n':
-      prctl(PR_SET_NAME, number % 2 ? "odd) S 1" : "even");
-      break;
     case 'x':  // gives back what it is told, as its answer
       execl("/bin/cat", "cat", nullptr);
       break;
@@ -246,7 +234,8 @@ using Sampled = std::map<std::uint64_t, Figures>;  // by pid
 class Namespace {
  public:
   Namespace() {
-    if (unshare(CLONE_NEWPID | CLONE_NEWNS) != 0) return;
+    constexpr int kOwn = CLONE_NEWPID | CLONE_NEWNS;
+    if (unshare(kOwn) != 0 && unshare(kOwn | CLONE_NEWUSER) != 0) return;
     mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
     first_ = std::make_unique<Servant>([this](char) {
       const bool is_mounted = mount("proc", folder_.path().c_str(), "proc", 0, nullptr) == 0;
@@ -306,7 +295,8 @@ class RememberingTest : public testing::Test {
 };
 
 TEST_F(RememberingTest, ShowsWhatASamplerShowsThatReadsAll) {
-  constexpr std::string_view kOrders = "mmssuupprrwwwffkkttjoocnx";
+  constexpr std::string_view kOrders = "mmssuupprrwwwffkkttjjx";
+  ASSERT_NE(proc_root_, "/proc") << "no namespace, where others would be compared, who act meanwhile";
   const char* const wanted = std::getenv("VOLORN_ROUNDS");
   const int rounds = wanted ? std::atoi(wanted) : 60;
   std::minstd_rand random(7);
@@ -339,7 +329,7 @@ TEST_F(RememberingTest, ShowsWhatASamplerShowsThatReadsAll) {
     for (const auto& [pid, figures] : read) {
       const bool is_sampler =
           static_cast<pid_t>(pid) == remembering_->pid() || static_cast<pid_t>(pid) == reading_->pid();
-      if (is_sampler || proc_root_ == "/proc") continue;
+      if (is_sampler) continue;
       EXPECT_EQ(remembered[pid].own, figures.own) << pid << " in round " << round << ", told " << acted[pid];
       if ((acted[pid] || is_to_settle) && before[pid].shared == figures.shared) {
         EXPECT_EQ(remembered[pid].shared, figures.shared)
@@ -371,12 +361,6 @@ TEST_F(RememberingTest, SeesWhatOthersDoToAProcess) {
     const iovec to = {.iov_base = place, .iov_len = 1};
     return process_vm_writev(victim.outsidePid(), &from, 1, &to, 1, 0) == 1;
   };
-  const auto advise = [&](int advice) {
-    const linux_host::FileDescriptor process(
-        static_cast<int>(syscall(SYS_pidfd_open, victim.outsidePid(), 0)));
-    const iovec all = {.iov_base = of_file, .iov_len = kArenaPages * kPage};
-    return syscall(SYS_process_madvise, process.get(), &all, 1, advice, 0) > 0;
-  };
   struct Deed {
     const char* name;
     std::function<bool()> work;
@@ -386,9 +370,7 @@ TEST_F(RememberingTest, SeesWhatOthersDoToAProcess) {
   const Deed deeds[] = {
       {"a page is written for it", [&] { return write_into(untouched); }, 10},
       {"its copy of a page is made for it", [&] { return write_into(arena); }, 100},
-      {"its memory is advised to be cold", [&] { return advise(MADV_COLD); }, 10},
       {"its file is cut", [&] { return ftruncate(file.get(), static_cast<off_t>(kPage)) == 0; }, 10},
-      {"a relative has ended", [&] { return munmap(arena, kArenaPages * kPage) == 0; }, 100},
   };
   for (const Deed& deed : deeds) {
     sample(*remembering_, 'r');

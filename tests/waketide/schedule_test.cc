@@ -31,7 +31,6 @@ Row opening(double seconds_since_1970) {
 struct Host {
   double now = kNoon;
   double run_seconds = 0.0;
-  double until_looked_seconds = 0.0;  // after a run
   Row row = std::nullopt;
   std::function<Row(double now)> leaves = [](double then) { return opening(then + kDay); };
   Schedule schedule = {};
@@ -47,7 +46,6 @@ struct Host {
       now += run_seconds;
       row = leaves(started);
       schedule.recordRun(at(started), at(now), row);
-      now += until_looked_seconds;
     }
   }
 
@@ -127,14 +125,6 @@ TEST(ScheduleTest, RunThatCrossedMidnight) {
   }
 }
 
-// A host that was busy or asleep after the run, which left a window to come.
-TEST(ScheduleTest, WindowThatOpensBeforeTheLookAfterARun) {
-  Host host{.run_seconds = 1, .until_looked_seconds = kMinute, .row = opening(kNoon)};
-  host.leaves = [](double now) { return opening(now + (now == kNoon ? 2 : kDay)); };
-  EXPECT_EQ(host.look(), kNoon + kMinute + 1 + kDay);
-  EXPECT_EQ(host.starts, (Starts{kNoon, kNoon + kMinute + 1}));
-}
-
 // What happens after a start at noon that left its row open.
 TEST(ScheduleTest, ChangesAfterARowWasLeftOpen) {
   const Row open = opening(kNoon);
@@ -171,17 +161,6 @@ TEST(ScheduleTest, PlanThatIsTooFarAheadIsWaitedForInTheEnd) {
   host.leaves = [=](double now) { return opening(now < plan ? plan : now + kDay); };
   host.sleepThrough(plan + kHour);
   EXPECT_EQ(host.starts, (Starts{kNoon, kMidnight + kDay, kMidnight + 2 * kDay, kMidnight + 3 * kDay, plan}));
-}
-
-// The midnight counts from where the clock was set to, not from the start, which is now to come.
-TEST(ScheduleTest, ClockSetBackBehindTheStart) {
-  Host host{.leaves = [](double) { return Row(); }};
-  host.look();
-  host.now = kNoon - 30 * kDay;
-  EXPECT_EQ(host.look(), kMidnight - 29 * kDay);
-  host.sleepThrough(kMidnight - 27 * kDay + kHour);
-  EXPECT_EQ(host.starts,
-            (Starts{kNoon, kMidnight - 29 * kDay, kMidnight - 28 * kDay, kMidnight - 27 * kDay}));
 }
 
 }  // namespace

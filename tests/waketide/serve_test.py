@@ -260,18 +260,6 @@ class ServeTest(host.Test):
         self.assertEqual(host.books().is_last, 1)
         self.assertEqual(LOG.read_text(), "")
 
-    def testUsage(self):
-        for arguments, status, text in (
-            ("", 2, "subcommand"),
-            ("serve --nap", 2, "--nap"),
-            ("serve --run-limit 0", 2, "--run-limit"),
-            ("serve --state-dir=", 2, "--state-dir"),
-            ("--version", 0, "waketide 0.1.0\n"),
-        ):
-            found, *texts = host.run(WAKETIDE, *arguments.split())
-            self.assertEqual(found, status, arguments)
-            self.assertIn(text, texts[1 if status else 0])
-
 
 if __name__ == "__main__":
     host.main("--net")

@@ -179,12 +179,5 @@ TEST(TableTest, LinesAreCutBetweenCharacters) {
   }
 }
 
-TEST(JsonTextTest, OneLineOfAsciiWithBadBytesReplaced) {
-  Json document;
-  document["z"] = "\xFF\x1B\xC2\x9B\xC3\xA9";
-  document["a"] = INT64_MIN;
-  EXPECT_EQ(jsonLine(document), "{\"z\":\"\\ufffd\\u001b\\u009b\\u00e9\",\"a\":-9223372036854775808}\n");
-}
-
 }  // namespace
 }  // namespace volorn::ctl
