@@ -145,11 +145,7 @@ int LinuxKernel::sysctl(SysctlName name, SwapUsage& record) {
 
 int LinuxKernel::readInterfaceList(std::byte* buffer, std::size_t& length_bytes) {
   constexpr std::size_t kLinksThatMayCome = 4;  // between the call for the size and that for the list
-  // The machine's network is that of its first process: this one may have been given another. It may also not
-  // be shown that process.
-  if (readSystemFile("/1/net/dev") != 0) {
-    if (const int error = readSystemFile("/net/dev")) return failed(error);
-  }
+  if (const int error = readSystemFile("/net/dev")) return failed(error);
   const std::optional<std::vector<LinkCounters>> links = parseNetDev(buffer_.text());
   if (!links) return failed(EIO);
   constexpr std::size_t kMessageBytes = interface_message::kInformation64Bytes;
